@@ -1,0 +1,162 @@
+/*
+ * kel.h - the public interface of KEL, an audio clip engine.
+ *
+ * A file opens as a clip: an ordered array of packets, each the smallest
+ * piece of audio the file's coding lets one cut out without decoding.
+ * Clips are edited, gained, drawn and saved through the flat kel_*
+ * functions below. Every failure is a four-character code (KEL_ERR_*),
+ * 0 meaning success; kel_error_create turns a code into readable text.
+ *
+ * This header compiles as C11 and as C++17.
+ */
+#ifndef KEL_H
+#define KEL_H
+
+#include <stdbool.h>
+#include <stddef.h>
+
+#if defined(KEL_BUILDING_LIBRARY)
+#define KEL_API __attribute__((visibility("default")))
+#else
+#define KEL_API
+#endif
+
+#ifdef __cplusplus
+namespace KEL {
+class Clip;
+class Overview;
+}
+typedef KEL::Clip kel_clip_t;
+typedef KEL::Overview kel_overview_t;
+extern "C" {
+#else
+typedef struct kel_clip kel_clip_t;
+typedef struct kel_overview kel_overview_t;
+#endif
+
+/* ---- Records --------------------------------------------------------- */
+
+/* The caller's progress record. A null callback means no reporting; a
+ * callback that returns 0 cancels the operation (KEL_ERR_CANCELLED). */
+typedef struct _kel_progress_t {
+    int (*callback)(void* context, float percent);
+    void* context;
+} _kel_progress_t;
+
+/* Internal form of the progress record: base_percent maps a
+ * sub-operation's 0..100 onto base_percent..100. */
+typedef struct _kel_progress_ext_t {
+    int (*callback)(void* context, float percent);
+    void* context;
+    float base_percent;
+} _kel_progress_ext_t;
+
+/* Progress record of an overview; returning 0 cancels the computation. */
+typedef struct _kel_overview_progress_t {
+    int (*callback)(float percent, void* context, int packet);
+    void* context;
+    int report_always;
+} _kel_overview_progress_t;
+
+/* A clip's or a file's description. */
+typedef struct _kel_clip_info_t {
+    int format;          /* KEL_FORMAT_* */
+    int channels;
+    float sample_rate;   /* frames per second */
+    int bits_per_sample; /* 16 or 24 for PCM; 16 for the coded formats */
+    int bit_rate;        /* bits per second, common or average */
+    float duration;      /* seconds */
+    int rate_mode;       /* 0 PCM; 1 constant, 2 variable bit rate */
+    int mpeg_version;    /* MP3 only: 1, 2 or 3 (MPEG-2.5); else 0 */
+    int stereo_mode;     /* MP3 only: KELClipStereoMode; else 0 */
+} _kel_clip_info_t;
+
+/* ---- Format codes ---------------------------------------------------- */
+
+enum {
+    KEL_FORMAT_AIFF = 1,
+    KEL_FORMAT_AAC = 2,  /* AAC in an MPEG-4 file */
+    KEL_FORMAT_MP3 = 3,
+    KEL_FORMAT_ALAC = 4, /* Apple Lossless in an MPEG-4 file */
+    KEL_FORMAT_WAVE = 5,
+    KEL_FORMAT_CAF = 6
+};
+
+typedef enum KELClipStereoMode {
+    KELClipStereoModeSingleChannel = 0,
+    KELClipStereoModeStereo = 1,
+    KELClipStereoModeJointStereo = 2,
+    KELClipStereoModeDualChannel = 3
+} KELClipStereoMode;
+
+/* ---- Error codes: four ASCII characters read as a big-endian integer -- */
+
+enum {
+    KEL_ERR_NONE                   = 0x00000000, /* success */
+    KEL_ERR_UNKNOWN                = 0x45556E6B, /* "EUnk" unknown error or failed allocation */
+    KEL_ERR_INTERNAL               = 0x45494C43, /* "EILC" internal error */
+    KEL_ERR_OPEN                   = 0x45666F70, /* "Efop" file cannot be opened for reading */
+    KEL_ERR_IO                     = 0x45494F20, /* "EIO " input/output error */
+    KEL_ERR_OPEN_READ              = 0x45666F72, /* "Efor" file cannot be opened for reading (permissions) */
+    KEL_ERR_OPEN_WRITE             = 0x45666F77, /* "Efow" file cannot be saved there */
+    KEL_ERR_FORMAT_UNRECOGNIZED    = 0x45666D75, /* "Efmu" unrecognised format */
+    KEL_ERR_FORMAT_UNSUPPORTED     = 0x45666D73, /* "Efms" unsupported variant of a format */
+    KEL_ERR_EOF                    = 0x45656F66, /* "Eeof" unexpected end of file */
+    KEL_ERR_CORRUPT_AIFF           = 0x45616966, /* "Eaif" corrupt AIFF file */
+    KEL_ERR_CORRUPT_AAC            = 0x45616163, /* "Eaac" corrupt AAC file */
+    KEL_ERR_CORRUPT_MP3            = 0x456D7033, /* "Emp3" corrupt MP3 file */
+    KEL_ERR_CORRUPT_ALAC           = 0x45616C63, /* "Ealc" corrupt Apple Lossless file */
+    KEL_ERR_CORRUPT_WAVE           = 0x45776176, /* "Ewav" corrupt WAVE file */
+    KEL_ERR_CORRUPT_CAF            = 0x45636166, /* "Ecaf" corrupt CAF file */
+    KEL_ERR_PACKET_NUMBER          = 0x45506E6D, /* "EPnm" packet index or range out of bounds */
+    KEL_ERR_CLIP_TYPE              = 0x45636C74, /* "Eclt" wrong clip type */
+    KEL_ERR_CLIP_MISMATCH          = 0x45636C64, /* "Ecld" clip formats do not match */
+    KEL_ERR_NOT_IMPLEMENTED        = 0x456E6F74, /* "Enot" not implemented */
+    KEL_ERR_CODEC                  = 0x45636F64, /* "Ecod" codec initialisation failed */
+    KEL_ERR_EMPTY                  = 0x456D7074, /* "Empt" empty clip */
+    KEL_ERR_PARAMETER              = 0x4570726D, /* "Eprm" bad parameter */
+    KEL_ERR_SCALE                  = 0x4573636C, /* "Escl" bad overview scale */
+    KEL_ERR_DECODE                 = 0x45646563, /* "Edec" packet decoding failed */
+    KEL_ERR_UNSUPPORTED            = 0x45737570, /* "Esup" operation not supported */
+    KEL_ERR_BITSTREAM_END          = 0x45626566, /* "Ebef" end of data inside a bitstream */
+    KEL_ERR_BITSTREAM_PARSE        = 0x45627073, /* "Ebps" bitstream parse error */
+    KEL_ERR_CANCELLED              = 0x4562726B, /* "Ebrk" cancelled through the progress callback */
+    KEL_ERR_PACKET_COPY            = 0x45706370, /* "Epcp" a shared packet could not be copied */
+    KEL_ERR_TRANSCODE              = 0x4574726E, /* "Etrn" packet transcoding failed */
+    KEL_ERR_ENCODE                 = 0x45656E63, /* "Eenc" packet encoding failed */
+    KEL_ERR_TOO_LONG               = 0x45736D70, /* "Esmp" too long for the save format */
+    KEL_ERR_TOO_LARGE              = 0x45627974, /* "Ebyt" too large for the save format */
+    KEL_ERR_SAVED_WITH_ERRORS      = 0x45676761, /* "Egga" saved with errors (a warning) */
+    KEL_ERR_IS_DIRECTORY           = 21          /* EISDIR passed through by the savers */
+};
+
+/* ---- Error objects ---------------------------------------------------- */
+
+/* The error domain of every kel_error_t. */
+#define KEL_ERROR_DOMAIN "kQDKELErrorDomain"
+
+typedef struct kel_error kel_error_t;
+
+/* False exactly for 0 and KEL_ERR_SAVED_WITH_ERRORS (a warning). */
+KEL_API bool KELErrorIsFatal(int code);
+
+/* Builds the readable form of an error code. The texts are looked up with
+ * gettext in the caller's current text domain, so a host that installs a
+ * translation catalogue gets translated messages. filename may be null;
+ * when given it is quoted into the recovery suggestion where the text has
+ * a place for it. Returns null only when memory runs out. */
+KEL_API kel_error_t* kel_error_create(int code, const char* filename);
+KEL_API void kel_error_free(kel_error_t* error);
+
+KEL_API const char* kel_error_domain(const kel_error_t* error);
+KEL_API int kel_error_code(const kel_error_t* error);
+/* Short description, for instance "An error occurred". */
+KEL_API const char* kel_error_description(const kel_error_t* error);
+/* The specific message, with the file name filled in. */
+KEL_API const char* kel_error_recovery_suggestion(const kel_error_t* error);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KEL_H */

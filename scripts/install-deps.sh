@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs what building and testing KEL needs on Debian 12, skipping the
+# packages that are already there. Run as root (or with sudo available).
+set -euo pipefail
+
+packages=(build-essential cmake pkg-config libgtest-dev gettext locales)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+
+if [ "${#missing[@]}" -gt 0 ]; then
+  SUDO=""
+  if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+  echo "installing: ${missing[*]}"
+  $SUDO apt-get update
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,23 @@
+// Four-character codes: four ASCII characters read as one big-endian
+// 32-bit integer ("EPnm" == 0x45506E6D). Error codes, chunk identifiers and
+// codec subtypes are all written through this one helper.
+#ifndef KEL_CORE_FOURCC_H
+#define KEL_CORE_FOURCC_H
+
+#include <cstdint>
+
+namespace KEL {
+
+constexpr int32_t fourcc(const char (&s)[5])
+{
+    return static_cast<int32_t>((static_cast<uint32_t>(static_cast<unsigned char>(s[0])) << 24) |
+                                (static_cast<uint32_t>(static_cast<unsigned char>(s[1])) << 16) |
+                                (static_cast<uint32_t>(static_cast<unsigned char>(s[2])) << 8) |
+                                static_cast<uint32_t>(static_cast<unsigned char>(s[3])));
+}
+
+static_assert(fourcc("EPnm") == 0x45506E6D, "fourcc reads big-endian");
+
+} // namespace KEL
+
+#endif
