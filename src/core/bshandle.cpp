@@ -1,1 +1,7 @@
-// placeholder
+#include "core/bshandle.h"
+
+namespace KEL {
+
+BSHandle::~BSHandle() = default;
+
+} // namespace KEL

@@ -1,1 +1,7 @@
-// placeholder
+#include "core/clipdecoder.h"
+
+namespace KEL {
+
+ClipDecoder::~ClipDecoder() = default;
+
+} // namespace KEL

@@ -1,2 +1,144 @@
+// The clip's packet array, stream statistics and closing.
+#include "core/bshandlemem.h"
+#include "core/fourcc.h"
+#include "fakeformat.h"
+
 #include <gtest/gtest.h>
-TEST(Placeholder, Pending) { GTEST_SKIP(); }
+
+#include <vector>
+
+using namespace KEL;
+using namespace KEL::test;
+
+namespace {
+
+// A packet of `frames` frames whose handle claims `bytes` bytes.
+Packet* sized_packet(float rate, int frames, int bytes, int bit_rate)
+{
+    auto* handle = new BSHandleMem(bytes);
+    auto* p = new FakePacket(rate, frames, handle);
+    p->bit_rate = bit_rate;
+    handle->release();
+    return p;
+}
+
+void add(Clip& clip, Packet* p)
+{
+    clip.add_packet(p);
+    p->release();
+}
+
+} // namespace
+
+TEST(ClipArray, GrowsLinearlyInSteps)
+{
+    FakeClip clip(44100.0f, 1024, nullptr);
+    Packet* p = sized_packet(44100.0f, 1, 1, 0);
+    for (int i = 0; i < 8192; ++i)
+        clip.add_packet(p);
+    EXPECT_EQ(clip.packet_capacity, 8192);
+    clip.add_packet(p);
+    EXPECT_EQ(clip.packet_capacity, 16384);
+    EXPECT_EQ(clip.packet_count, 8193);
+    EXPECT_EQ(p->retain_count(), 8194);
+    for (int i = 0; i < 8192; ++i)
+        clip.add_packet(p);
+    EXPECT_EQ(clip.packet_capacity, 24576) << "growth is linear, never doubling";
+    clip.close(nullptr);
+    EXPECT_EQ(p->retain_count(), 1);
+    EXPECT_EQ(clip.packet_count, 0);
+    EXPECT_EQ(clip.packets, nullptr);
+    p->release();
+}
+
+TEST(ClipArray, BoundsCheckedAccess)
+{
+    FakeClip clip(44100.0f, 1024, nullptr);
+    add(clip, sized_packet(44100.0f, 100, 10, 0));
+    add(clip, sized_packet(44100.0f, 200, 10, 0));
+    EXPECT_EQ(clip.get_packet(-1), nullptr);
+    EXPECT_EQ(clip.get_packet(2), nullptr);
+    EXPECT_NE(clip.get_packet(1), nullptr);
+    int err = 0;
+    EXPECT_EQ(clip.packet_frame_count(1, &err), 200);
+    EXPECT_EQ(err, 0);
+    EXPECT_EQ(clip.packet_frame_count(2, &err), 0);
+    EXPECT_EQ(err, fourcc("EPnm"));
+    EXPECT_EQ(clip.packet_frame_count(-1, nullptr), 0);
+    float v = 7.0f;
+    clip.packet_get_rms_cache(5, &v);
+    EXPECT_EQ(v, 7.0f);
+    EXPECT_EQ(clip.packet_is_wave_cache_valid(9), 0);
+    clip.close(nullptr);
+}
+
+TEST(ClipArray, CopyPacketsAndUsePacketsRetain)
+{
+    FakeClip source(44100.0f, 1024, nullptr);
+    for (int i = 0; i < 3; ++i)
+        add(source, sized_packet(44100.0f, 441, 100, 0));
+    auto* array = new Packet*[3];
+    source.copy_packets(array);
+    EXPECT_EQ(source.packets[0]->retain_count(), 2);
+    FakeClip copy(44100.0f, 1024, nullptr);
+    copy.UsePackets(array, 3);
+    EXPECT_EQ(source.packets[0]->retain_count(), 3);
+    EXPECT_EQ(copy.packet_capacity, 3);
+    EXPECT_FLOAT_EQ(copy.duration, 0.03f);
+    for (int i = 0; i < 3; ++i)
+        array[i]->release(); // the references copy_packets handed out
+    copy.close(nullptr);
+    EXPECT_EQ(source.packets[2]->retain_count(), 1);
+    source.close(nullptr);
+}
+
+TEST(ClipStats, ConstantRateUsesCommonValue)
+{
+    FakeClip clip(44100.0f, 1152, nullptr);
+    for (int i = 0; i < 4; ++i)
+        add(clip, sized_packet(44100.0f, 1152, 417, 128000));
+    clip.update_stream_info();
+    EXPECT_EQ(clip.is_vbr, 0);
+    EXPECT_EQ(clip.bit_rate, 128000);
+    EXPECT_FLOAT_EQ(clip.duration, static_cast<float>(4 * 1152 / 44100.0));
+    clip.close(nullptr);
+}
+
+TEST(ClipStats, OnlyFirstPacketDifferentIsVariable)
+{
+    FakeClip clip(1000.0f, 1152, nullptr);
+    add(clip, sized_packet(1000.0f, 1000, 1000, 320000));
+    for (int i = 0; i < 3; ++i)
+        add(clip, sized_packet(1000.0f, 1000, 1000, 128000));
+    clip.update_stream_info();
+    EXPECT_EQ(clip.is_vbr, 1);
+    // 4000 bytes over 4 seconds: the average, not a packet's rate.
+    EXPECT_EQ(clip.bit_rate, 8000);
+    clip.close(nullptr);
+}
+
+TEST(ClipStats, PcmAverageRoundsHalfToEven)
+{
+    // bytes * 8 / seconds lands exactly on .5 here: 0.5, 1.5, 2.5.
+    const struct {
+        int bytes;
+        int expected;
+    } cases[] = {{1, 0}, {3, 2}, {5, 2}, {7, 4}};
+    for (const auto& c : cases) {
+        FakeClip clip(1.0f, 16, nullptr);
+        add(clip, sized_packet(1.0f, 16, c.bytes, 0));
+        clip.update_stream_info();
+        EXPECT_EQ(clip.is_vbr, 0);
+        EXPECT_EQ(clip.bit_rate, c.expected) << c.bytes;
+        clip.close(nullptr);
+    }
+}
+
+TEST(ClipStats, EmptyClipHasNoRate)
+{
+    FakeClip clip(44100.0f, 1024, nullptr);
+    clip.update_stream_info();
+    EXPECT_EQ(clip.bit_rate, 0);
+    EXPECT_EQ(clip.duration, 0.0f);
+    EXPECT_EQ(clip.is_vbr, 0);
+}

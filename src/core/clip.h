@@ -1,0 +1,101 @@
+// The abstract clip: an ordered array of shared packets plus the stream
+// parameters every format has. Each file format derives its own clip class.
+#ifndef KEL_CORE_CLIP_H
+#define KEL_CORE_CLIP_H
+
+#include "kel.h"
+
+namespace KEL {
+
+class BSFile;
+class ClipDecoder;
+class ClipEncoder;
+class Overview;
+class Packet;
+
+class KEL_API Clip {
+public:
+    // Packet arrays grow linearly by this many slots.
+    static constexpr int kPacketArrayStep = 8192;
+
+    Clip();
+    // Stores the parameters and the store (no reference is taken).
+    Clip(int channels, float sample_rate, int bits_per_sample, BSFile* file);
+    // Releasing the packets is close()'s job.
+    virtual ~Clip();
+    Clip(const Clip&) = delete;
+    Clip& operator=(const Clip&) = delete;
+
+    // ---- virtual interface, in slot order ----
+    // Releases the packets and tells the backing store that this clip has
+    // gone; returns the store's last progress answer (0 without a store).
+    virtual int close(_kel_progress_ext_t* progress);
+    // Writes the packets as a complete file of this format at path.
+    virtual int save_to(const char* path, const void* block1, int block1_len, const void* block2,
+                        int block2_len, int* err, _kel_progress_ext_t* progress) = 0;
+    virtual void get_info(_kel_clip_info_t* info) = 0;
+    // Decodes source packets first..last and re-encodes them into a new
+    // clip of this clip's format.
+    virtual Clip* transcode(Clip* source, int first, int last, int* err, _kel_progress_ext_t* progress);
+    // A new clip of packets silent packets in this clip's format.
+    virtual Clip* create_silent(int packets, int* err, _kel_progress_ext_t* progress);
+    virtual Overview* create_overview(_kel_overview_progress_t* progress) = 0;
+    virtual ClipDecoder* create_decoder() = 0;
+    virtual ClipEncoder* create_encoder(float source_rate) = 0;
+    // Decodes one packet into two float buffers and returns its frame
+    // count. gain -1.0 applies the packet's own gain and envelope; any other
+    // value is the factor applied instead.
+    virtual int packet_decode_play(int packet, float** buffers, int* err, float gain) = 0;
+    // Decoding for waveform drawing; formats override where a cheaper
+    // decode suffices.
+    virtual int packet_decode_view(int packet, float** buffers, int* err, float gain);
+    // Packets before packet that must be decoded first for it to decode.
+    virtual int packet_preroll_count(int packet, int* err);
+    // Padding packets that let packet decode out of its context, or null
+    // when none are needed.
+    virtual Clip* create_padding_clip(int packet, int* err);
+    // Whether other's packets can be inserted into this clip unchanged.
+    virtual bool will_accept(Clip* other, int* err) = 0;
+    virtual int fade_start_fudge_factor();
+    virtual int fade_length_fudge_factor();
+    // A new empty clip of this format and parameters on the given store.
+    virtual Clip* NewClip(BSFile* file) = 0;
+
+    // ---- format dispatch ----
+    static Clip* open(const char* path, int* err, _kel_progress_ext_t* progress);
+    static int file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t* progress);
+
+    // ---- packet array ----
+    bool add_packet(Packet* packet);
+    // Copies the whole array into dest (packet_count entries) and retains
+    // every packet once more for the caller.
+    void copy_packets(Packet** dest) const;
+    Packet* get_packet(int index) const;
+    // Adopts an array allocated with new[] of count packets, retaining
+    // each, and recomputes the statistics. For a clip without an array.
+    void UsePackets(Packet** packets, int count);
+    void update_stream_info();
+    int packet_frame_count(int packet, int* err) const;
+
+    // ---- per-packet overview caches (nothing when out of range) ----
+    int packet_is_wave_cache_valid(int packet) const;
+    void packet_get_wave_cache(int packet, float* out16) const;
+    void packet_get_rms_cache(int packet, float* out) const;
+    void packet_get_max_sample_cache(int packet, float* out) const;
+    void packet_make_wave_cache(int packet, float** channels, int frames, float* cache);
+
+    int channels;
+    float sample_rate;
+    int bits_per_sample;
+    int packet_count = 0;
+    int packet_capacity = 0;
+    Packet** packets = nullptr;
+    BSFile* backing_file = nullptr;
+    int is_vbr;
+    float duration = 0.0f;
+    int bit_rate = 0;
+};
+
+} // namespace KEL
+
+#endif

@@ -1,0 +1,162 @@
+// Clip::transcode and Clip::create_silent: decoding one clip's packets and
+// re-encoding them into a new clip of this clip's format.
+#include "core/bsfile.h"
+#include "core/bshandlefile.h"
+#include "core/clip.h"
+#include "core/clipdecoder.h"
+#include "core/clipencoder.h"
+#include "core/fourcc.h"
+#include "core/packet.h"
+#include "core/progress.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+namespace KEL {
+
+namespace {
+
+// Appends one encoded packet to the scratch file and to the result clip.
+int store_packet(FILE* scratch, BSFile* store, ClipEncoder* encoder, Clip* result, const void* bytes,
+                 int size)
+{
+    if (fseeko(scratch, 0, SEEK_END) != 0)
+        return fourcc("EIO ");
+    const off_t offset = ftello(scratch);
+    if (offset < 0 || fwrite(bytes, 1, static_cast<size_t>(size), scratch) != static_cast<size_t>(size))
+        return fourcc("EIO ");
+    // Packets are read back with positioned reads on the descriptor.
+    if (fflush(scratch) != 0)
+        return fourcc("EIO ");
+    BSHandleFile* handle = store->NewHandle(offset, size);
+    if (handle == nullptr)
+        return fourcc("Etrn");
+    Packet* packet = encoder->packet_with_storage(handle);
+    handle->release();
+    if (packet == nullptr)
+        return fourcc("Etrn");
+    result->add_packet(packet);
+    packet->release();
+    return 0;
+}
+
+} // namespace
+
+Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress_ext_t* progress)
+{
+    *err = 0;
+    const int count = last - first + 1;
+    if (first < 0 || last >= source->packet_count || count < 1) {
+        *err = fourcc("EPnm");
+        return nullptr;
+    }
+
+    _kel_clip_info_t info{};
+    source->get_info(&info);
+    ClipEncoder* encoder = create_encoder(info.sample_rate);
+    ClipDecoder* decoder = source->create_decoder();
+    if (encoder == nullptr || decoder == nullptr) {
+        delete encoder;
+        delete decoder;
+        *err = fourcc("Ecod");
+        return nullptr;
+    }
+
+    FILE* scratch = tmpfile();
+    if (scratch == nullptr) {
+        delete encoder;
+        delete decoder;
+        *err = fourcc("Efow");
+        return nullptr;
+    }
+    BSFile* store = new BSFile(scratch);
+    Clip* result = NewClip(store);
+    if (result == nullptr) {
+        store->clip_gone(nullptr);
+        delete encoder;
+        delete decoder;
+        *err = fourcc("Etrn");
+        return nullptr;
+    }
+
+    // The loop runs while i < count with the flush at i == last - first:
+    // exactly the requested range when first is 0, and packets first ..
+    // last - first otherwise. Callers that transcode a whole clip (and
+    // create_silent) pass first = 0.
+    bool glitch = false;
+    ProgressThrottle throttle(progress);
+    std::vector<float> left;
+    std::vector<float> right;
+    for (int i = first; i < count && *err == 0; ++i) {
+        const bool flush = i == last - first;
+        const int frames_expected = source->packet_frame_count(i, err);
+        if (*err != 0)
+            break;
+        left.assign(static_cast<size_t>(frames_expected), 0.0f);
+        right.assign(static_cast<size_t>(frames_expected), 0.0f);
+        float* buffers[2] = {left.data(), right.data()};
+
+        int frames = decoder->packet_decode(i, buffers, err, -1.0f);
+        if (*err == fourcc("Ersz")) {
+            // An undecodable packet becomes silence of its nominal length.
+            *err = 0;
+            std::fill(left.begin(), left.end(), 0.0f);
+            std::fill(right.begin(), right.end(), 0.0f);
+            frames = frames_expected;
+            glitch = true;
+        } else if (*err != 0) {
+            break;
+        }
+        frames = std::min(std::max(frames, 0), frames_expected);
+
+        if (encoder->put_data(buffers, frames) < frames) {
+            *err = fourcc("Etrn");
+            break;
+        }
+        for (;;) {
+            int size = 0;
+            const void* bytes = encoder->packet_encode(&size, flush, err);
+            if (bytes == nullptr || size <= 0 || *err != 0)
+                break;
+            *err = store_packet(scratch, store, encoder, result, bytes, size);
+            if (*err != 0)
+                break;
+        }
+        if (*err != 0)
+            break;
+        if (!throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i)))
+            *err = fourcc("Ebrk");
+    }
+
+    delete encoder;
+    delete decoder;
+    if (*err != 0) {
+        result->close(nullptr);
+        delete result;
+        return nullptr;
+    }
+    result->update_stream_info();
+    if (glitch)
+        *err = fourcc("Egga");
+    return result;
+}
+
+Clip* Clip::create_silent(int packets_wanted, int* err, _kel_progress_ext_t*)
+{
+    if (packets_wanted < 1) {
+        *err = fourcc("EPnm");
+        return nullptr;
+    }
+    int ignored = 0;
+    if (packet_frame_count(0, &ignored) == 0) {
+        *err = fourcc("Empt");
+        return nullptr;
+    }
+    // Silence is made as a CAF clip and transcoded into this format; until
+    // the CAF format is built in, no silent clip can be made.
+    *err = fourcc("Enot");
+    return nullptr;
+}
+
+} // namespace KEL

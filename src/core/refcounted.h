@@ -1,0 +1,29 @@
+// Base of the objects that clips share: packets and backing-store handles.
+#ifndef KEL_CORE_REFCOUNTED_H
+#define KEL_CORE_REFCOUNTED_H
+
+#include "kel.h"
+
+namespace KEL {
+
+// A reference count that starts at 1. The count is a plain int: packets and
+// handles are shared only among clips used from one thread at a time.
+class KEL_API Refcounted {
+public:
+    Refcounted() = default;
+    virtual ~Refcounted();
+    Refcounted(const Refcounted&) = delete;
+    Refcounted& operator=(const Refcounted&) = delete;
+
+    void retain() { ++refcount; }
+    // Drops one reference and deletes the object when none is left.
+    void release();
+    int retain_count() const { return refcount; }
+
+protected:
+    int refcount = 1;
+};
+
+} // namespace KEL
+
+#endif

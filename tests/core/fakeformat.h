@@ -1,0 +1,87 @@
+// A test-only clip format whose packets hold known float samples, so that
+// the core's pipelines can be checked before any real format exists.
+// Packet bytes are interleaved two-channel 32-bit floats.
+#ifndef KEL_TESTS_FAKEFORMAT_H
+#define KEL_TESTS_FAKEFORMAT_H
+
+#include "core/bshandlemem.h"
+#include "core/clip.h"
+#include "core/clipdecoder.h"
+#include "core/clipencoder.h"
+#include "core/packet.h"
+
+#include <functional>
+#include <vector>
+
+namespace KEL {
+namespace test {
+
+class FakePacket : public Packet {
+public:
+    FakePacket(float sample_rate, int frames, BSHandle* handle)
+        : Packet(0, sample_rate, 0, frames, handle) {}
+    Type type() const override { return TypeCAF; }
+    Packet* copy() override;
+};
+
+class FakeClip : public Clip {
+public:
+    FakeClip(float sample_rate, int encoder_frames, BSFile* store)
+        : Clip(2, sample_rate, 16, store), encoder_frames(encoder_frames) {}
+
+    // Appends a packet holding the given left and right samples.
+    void append(const std::vector<float>& left, const std::vector<float>& right);
+    // All frames of packets first..last, decoded with each packet's gain.
+    void decode_all(std::vector<float>& left, std::vector<float>& right);
+
+    int save_to(const char*, const void*, int, const void*, int, int* err, _kel_progress_ext_t*) override
+    {
+        *err = 0x456E6F74; // "Enot"
+        return 0;
+    }
+    void get_info(_kel_clip_info_t* info) override;
+    Overview* create_overview(_kel_overview_progress_t*) override { return nullptr; }
+    ClipDecoder* create_decoder() override;
+    ClipEncoder* create_encoder(float source_rate) override;
+    int packet_decode_play(int packet, float** buffers, int* err, float gain) override;
+    bool will_accept(Clip* other, int*) override { return dynamic_cast<FakeClip*>(other) != nullptr; }
+    Clip* NewClip(BSFile* store) override { return new FakeClip(sample_rate, encoder_frames, store); }
+
+    int encoder_frames;
+    bool refuse_encoder = false;
+    // Lets a test make chosen packets fail to decode with a chosen code.
+    std::function<int(int packet)> decode_error;
+};
+
+class FakeDecoder : public ClipDecoder {
+public:
+    explicit FakeDecoder(FakeClip* clip) : clip_(clip) {}
+    int packet_decode(int packet, float** channels, int* err, float gain) override
+    {
+        return clip_->packet_decode_play(packet, channels, err, gain);
+    }
+
+private:
+    FakeClip* clip_;
+};
+
+class FakeEncoder : public ClipEncoder {
+public:
+    FakeEncoder(float source_rate, float rate, int frames)
+        : ClipEncoder(source_rate), rate_(rate), frames_(frames) {}
+    const void* packet_encode(int* size, bool flush, int* err) override;
+    Packet* packet_with_storage(BSHandle* handle) override
+    {
+        return new FakePacket(rate_, handle->size / 8, handle);
+    }
+
+private:
+    float rate_;
+    int frames_;
+    std::vector<float> bytes_;
+};
+
+} // namespace test
+} // namespace KEL
+
+#endif
