@@ -137,17 +137,26 @@ enum {
 
 typedef struct kel_error kel_error_t;
 
-/* False exactly for 0 and KEL_ERR_SAVED_WITH_ERRORS (a warning). */
+/* False exactly for 0 and KEL_ERR_SAVED_WITH_ERRORS (a warning); every
+ * other value, unknown ones included, is fatal. */
 KEL_API bool KELErrorIsFatal(int code);
 
 /* Builds the readable form of an error code. The texts are looked up with
- * gettext in the caller's current text domain, so a host that installs a
- * translation catalogue gets translated messages. filename may be null;
- * when given it is quoted into the recovery suggestion where the text has
- * a place for it. Returns null only when memory runs out. */
+ * gettext in the caller's current text domain (the library never selects a
+ * domain), so a host that installs a translation catalogue and a locale
+ * gets translated messages; in the C locale they stay English. The lookup
+ * key is the complete English text as displayed, including the support
+ * address and full stop of the texts that end in "Please contact". The
+ * codes' own messages are looked up once, on the first call, and kept for
+ * the life of the process. filename may be null; when given it is quoted
+ * into the recovery suggestion where the text has a place for it. Returns
+ * null only when memory runs out. */
 KEL_API kel_error_t* kel_error_create(int code, const char* filename);
+/* Frees an error object; null is ignored. */
 KEL_API void kel_error_free(kel_error_t* error);
 
+/* The accessors' strings live as long as the error object. A null object
+ * (allocation failed) reads as KEL_ERR_UNKNOWN with empty texts. */
 KEL_API const char* kel_error_domain(const kel_error_t* error);
 KEL_API int kel_error_code(const kel_error_t* error);
 /* Short description, for instance "An error occurred". */

@@ -27,5 +27,5 @@ run_build build-asan -DKEL_SANITIZE=address -DKEL_BUILD_BENCH=OFF
 echo "== thread sanitizer build (concurrency tests) =="
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEL_SANITIZE=thread \
   -DKEL_BUILD_BENCH=OFF -DKEL_BUILD_TOOLS=OFF >/dev/null
-cmake --build build-tsan -j "$jobs" --target test_core_bsfile test_rbuffer2
-(cd build-tsan && ctest --output-on-failure -R 'test_core_bsfile|test_rbuffer2')
+cmake --build build-tsan -j "$jobs" --target test_core_bsfile test_rbuffer2 test_errors
+(cd build-tsan && ctest --output-on-failure -R 'test_core_bsfile|test_rbuffer2|test_errors')
