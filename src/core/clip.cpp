@@ -32,8 +32,10 @@ int Clip::close(_kel_progress_ext_t* progress)
         delete[] packets;
     }
     int result = 0;
-    if (backing_file != nullptr)
+    if (backing_file != nullptr) {
         result = backing_file->clip_gone(progress) ? 1 : 0;
+        backing_file->release_owner();
+    }
     backing_file = nullptr;
     packet_count = 0;
     packet_capacity = 0;

@@ -74,6 +74,7 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
     Clip* result = NewClip(store);
     if (result == nullptr) {
         store->clip_gone(nullptr);
+        store->release_owner();
         delete encoder;
         delete decoder;
         *err = fourcc("Etrn");

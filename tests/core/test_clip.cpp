@@ -1,10 +1,16 @@
 // The clip's packet array, stream statistics and closing.
+#include "core/bsfile.h"
+#include "core/bshandlefile.h"
 #include "core/bshandlemem.h"
 #include "core/fourcc.h"
 #include "fakeformat.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <dirent.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace KEL;
@@ -141,4 +147,69 @@ TEST(ClipStats, EmptyClipHasNoRate)
     EXPECT_EQ(clip.bit_rate, 0);
     EXPECT_EQ(clip.duration, 0.0f);
     EXPECT_EQ(clip.is_vbr, 0);
+}
+
+namespace {
+
+int open_descriptors()
+{
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d) != nullptr)
+            ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+} // namespace
+
+TEST(ClipStore, CopyOutlivesSourceClipAndSourceFile)
+{
+    // A file of 4 packets of 256 interleaved stereo float frames.
+    const int frames = 256, packets = 4;
+    std::vector<float> samples(static_cast<size_t>(frames) * 2 * packets);
+    for (size_t i = 0; i < samples.size(); ++i)
+        samples[i] = static_cast<float>(static_cast<int>(i * 7919 % 2001) - 1000) / 1000.0f;
+    const char* dir = std::getenv("TMPDIR");
+    std::string path = std::string(dir != nullptr ? dir : "/tmp") + "/kel-clip-XXXXXX";
+    const int fd = mkstemp(&path[0]);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, samples.data(), samples.size() * 4), static_cast<ssize_t>(samples.size() * 4));
+    ::close(fd);
+
+    const int before = open_descriptors();
+    auto* store = new BSFile;
+    ASSERT_TRUE(store->open(path.c_str()));
+    auto* source = new FakeClip(44100.0f, frames, store);
+    for (int p = 0; p < packets; ++p) {
+        BSHandleFile* h = store->NewHandle(static_cast<long long>(p) * frames * 8, frames * 8);
+        auto* packet = new FakePacket(44100.0f, frames, h);
+        h->release();
+        source->add_packet(packet);
+        packet->release();
+    }
+    source->update_stream_info();
+
+    Clip* copy = source->NewClip(nullptr);
+    auto* shared = new Packet*[2];
+    for (int i = 0; i < 2; ++i)
+        shared[i] = source->packets[i + 2];
+    copy->UsePackets(shared, 2);
+
+    source->close(nullptr);
+    delete source;
+    EXPECT_EQ(open_descriptors(), before + 1) << "the source is closed, the scratch file open";
+    ASSERT_EQ(unlink(path.c_str()), 0);
+
+    std::vector<float> left, right;
+    static_cast<FakeClip*>(copy)->decode_all(left, right);
+    ASSERT_EQ(left.size(), static_cast<size_t>(2 * frames));
+    for (int i = 0; i < 2 * frames; ++i) {
+        ASSERT_EQ(left[i], samples[(2 * frames + i) * 2]) << i;
+        ASSERT_EQ(right[i], samples[(2 * frames + i) * 2 + 1]) << i;
+    }
+    copy->close(nullptr);
+    delete copy;
+    EXPECT_EQ(open_descriptors(), before) << "the last packet gone, the scratch file goes";
 }
