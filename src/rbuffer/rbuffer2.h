@@ -3,6 +3,9 @@
  * of bytes into both lanes. One producer writes without any lock; one
  * consumer reads under a try-lock that only a flush holds, so neither side
  * ever blocks and both are safe on a real-time thread.
+ *
+ * Sizes are byte counts; a negative size, or one whose lanes would not fit
+ * an int, is refused like a failed allocation.
  */
 #ifndef KEL_RBUFFER_RBUFFER2_H
 #define KEL_RBUFFER_RBUFFER2_H
@@ -38,6 +41,21 @@ KEL_API int rbuffer2_size(rbuffer2* rb);
 
 #ifdef __cplusplus
 }
+
+namespace KEL {
+
+/* The two halves of a flush's locking, for code inside the library that
+ * must keep the reader out for longer than a flush does: the first waits
+ * (20-microsecond sleeps) until the read lock is held, the second lets it
+ * go. While held, rbuffer2_read returns 0 at once. */
+void rbuffer2_lock_reader(rbuffer2* rb);
+void rbuffer2_unlock_reader(rbuffer2* rb);
+/* Bytes allocated for both lanes together; 0 without storage. */
+int rbuffer2_allocation_size(rbuffer2* rb);
+/* The current read and write positions (for diagnostics). */
+void rbuffer2_positions(rbuffer2* rb, int* read_pos, int* write_pos);
+
+} // namespace KEL
 #endif
 
 #endif
