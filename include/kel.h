@@ -130,6 +130,13 @@ enum {
     KEL_ERR_IS_DIRECTORY           = 21          /* EISDIR passed through by the savers */
 };
 
+/* ---- Settings ---------------------------------------------------------- */
+
+/* Frames per packet of the PCM formats (WAVE, AIFF, CAF) when a file is
+ * opened; 0 (the initial value) means 1024. Process-wide, unsynchronised. */
+KEL_API void kel_set_raw_packet_size(int size);
+KEL_API int kel_get_raw_packet_size(void);
+
 /* ---- Error objects ---------------------------------------------------- */
 
 /* The error domain of every kel_error_t. */

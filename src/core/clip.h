@@ -77,6 +77,23 @@ public:
     void update_stream_info();
     int packet_frame_count(int packet, int* err) const;
 
+    // ---- editing: packet references move, audio bytes are never touched ----
+    // A new clip sharing packets first..last (inclusive).
+    Clip* copy(int first, int last, int* err);
+    // Like copy, then removes the range from this clip.
+    Clip* cut(int first, int last, int* err);
+    // Inserts all of other's packets before packet at.
+    void insert(int at, Clip* other, int* err);
+
+    // ---- gain and fades (copy-on-write on shared packets) ----
+    float packet_gain(int packet, int* err);
+    void packet_gain(int packet, float gain, int* err);
+    float packet_gain_quantize(int packet, int* err);
+    void log_fade(int first, int last, float from, float to, int* err);
+    void log_fade_remove(int first, int last, int* err);
+    // A new clip in which every envelope is folded into per-packet gains.
+    Clip* convert_gains_and_envelopes_to_gains(int* err);
+
     // ---- per-packet overview caches (nothing when out of range) ----
     int packet_is_wave_cache_valid(int packet) const;
     void packet_get_wave_cache(int packet, float* out16) const;

@@ -1,5 +1,6 @@
 #include "fakeformat.h"
 
+#include <cmath>
 #include <cstring>
 
 namespace KEL {
@@ -7,9 +8,37 @@ namespace test {
 
 Packet* FakePacket::copy()
 {
+    if (refuse_copy)
+        return nullptr;
     auto* p = new FakePacket(sample_rate, frame_count, handle);
     copy_state_to(p);
+    p->stepped_gain = stepped_gain;
     return p;
+}
+
+float FakePacket::quantized_gain()
+{
+    if (!stepped_gain || gain <= 0.0f)
+        return gain;
+    const double steps = std::nearbyint(4.0 * std::log2(static_cast<double>(gain)));
+    return static_cast<float>(std::exp2(steps / 4.0));
+}
+
+bool FakeClip::will_accept(Clip* other, int* err)
+{
+    if (refuse_code != 0) {
+        *err = refuse_code;
+        return false;
+    }
+    return dynamic_cast<FakeClip*>(other) != nullptr;
+}
+
+Clip* FakeClip::NewClip(BSFile* store)
+{
+    auto* clip = new FakeClip(sample_rate, encoder_frames, store);
+    clip->start_fudge = start_fudge;
+    clip->length_fudge = length_fudge;
+    return clip;
 }
 
 void FakeClip::append(const std::vector<float>& left, const std::vector<float>& right)
@@ -53,6 +82,11 @@ void FakeClip::get_info(_kel_clip_info_t* info)
     info->duration = duration;
 }
 
+Overview* FakeClip::create_overview(_kel_overview_progress_t* progress)
+{
+    return new FakeOverview(this, progress);
+}
+
 ClipDecoder* FakeClip::create_decoder()
 {
     return new FakeDecoder(this);
@@ -67,6 +101,7 @@ ClipEncoder* FakeClip::create_encoder(float source_rate)
 
 int FakeClip::packet_decode_play(int index, float** buffers, int* err, float gain)
 {
+    ++decode_calls;
     Packet* p = get_packet(index);
     if (p == nullptr) {
         *err = 0x45506E6D; // "EPnm"

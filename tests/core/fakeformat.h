@@ -9,6 +9,7 @@
 #include "core/clipdecoder.h"
 #include "core/clipencoder.h"
 #include "core/packet.h"
+#include "overview/overview.h"
 
 #include <functional>
 #include <vector>
@@ -22,6 +23,13 @@ public:
         : Packet(0, sample_rate, 0, frames, handle) {}
     Type type() const override { return TypeCAF; }
     Packet* copy() override;
+    // With stepped_gain set the packet stores its gain only in steps of
+    // 2^(1/4), like the global gain of the coded formats.
+    float quantized_gain() override;
+
+    bool stepped_gain = false;
+    // Makes copy() fail, as a format packet does when it runs out of memory.
+    bool refuse_copy = false;
 };
 
 class FakeClip : public Clip {
@@ -40,17 +48,26 @@ public:
         return 0;
     }
     void get_info(_kel_clip_info_t* info) override;
-    Overview* create_overview(_kel_overview_progress_t*) override { return nullptr; }
+    Overview* create_overview(_kel_overview_progress_t* progress) override;
     ClipDecoder* create_decoder() override;
     ClipEncoder* create_encoder(float source_rate) override;
     int packet_decode_play(int packet, float** buffers, int* err, float gain) override;
-    bool will_accept(Clip* other, int*) override { return dynamic_cast<FakeClip*>(other) != nullptr; }
-    Clip* NewClip(BSFile* store) override { return new FakeClip(sample_rate, encoder_frames, store); }
+    bool will_accept(Clip* other, int* err) override;
+    int fade_start_fudge_factor() override { return start_fudge; }
+    int fade_length_fudge_factor() override { return length_fudge; }
+    // New clips inherit the fudge factors.
+    Clip* NewClip(BSFile* store) override;
 
     int encoder_frames;
     bool refuse_encoder = false;
     // Lets a test make chosen packets fail to decode with a chosen code.
     std::function<int(int packet)> decode_error;
+    // Number of packet_decode_play calls so far (failed ones included).
+    int decode_calls = 0;
+    // Non-zero: will_accept refuses every clip with this code.
+    int refuse_code = 0;
+    int start_fudge = 0;
+    int length_fudge = 0;
 };
 
 class FakeDecoder : public ClipDecoder {
@@ -59,6 +76,18 @@ public:
     int packet_decode(int packet, float** channels, int* err, float gain) override
     {
         return clip_->packet_decode_play(packet, channels, err, gain);
+    }
+
+private:
+    FakeClip* clip_;
+};
+
+class FakeOverview : public Overview {
+public:
+    FakeOverview(FakeClip* clip, _kel_overview_progress_t* progress) : Overview(clip, progress), clip_(clip) {}
+    int packet_decode(int packet, float** out, int* err, float gain) override
+    {
+        return clip_->packet_decode_play(packet, out, err, gain);
     }
 
 private:

@@ -27,11 +27,21 @@ int open_descriptors()
     return n;
 }
 
+struct Closer {
+    void operator()(Clip* c) const
+    {
+        c->close(nullptr);
+        delete c;
+    }
+};
+using ClipPtr = std::unique_ptr<Clip, Closer>;
+using FakePtr = std::unique_ptr<FakeClip, Closer>;
+
 // A source clip of `packets` packets of `frames` frames each; left is a
 // ramp of distinct values, right its negation.
-std::unique_ptr<FakeClip> make_source(float rate, int packets, int frames)
+FakePtr make_source(float rate, int packets, int frames)
 {
-    auto clip = std::make_unique<FakeClip>(rate, frames, nullptr);
+    FakePtr clip(new FakeClip(rate, frames, nullptr));
     int n = 0;
     for (int p = 0; p < packets; ++p) {
         std::vector<float> l(frames), r(frames);
@@ -45,14 +55,6 @@ std::unique_ptr<FakeClip> make_source(float rate, int packets, int frames)
     return clip;
 }
 
-struct Closer {
-    void operator()(Clip* c) const
-    {
-        c->close(nullptr);
-        delete c;
-    }
-};
-using ClipPtr = std::unique_ptr<Clip, Closer>;
 
 struct ProgressLog {
     std::vector<float> values;
