@@ -130,7 +130,78 @@ enum {
     KEL_ERR_IS_DIRECTORY           = 21          /* EISDIR passed through by the savers */
 };
 
-/* ---- Settings ---------------------------------------------------------- */
+/* ---- Entry points -------------------------------------------------------
+ * Every int* err may be null. Functions that return an object return null on
+ * failure with the code in *err. A progress record may be null. A clip
+ * obtained from any function here is closed exactly once with
+ * kel_clip_close; an overview is destroyed with kel_clip_overview_destroy
+ * while its clip is still open. Packet ranges are inclusive indices.
+ */
+
+/* Opens an audio file of any supported format. */
+KEL_API kel_clip_t* kel_clip_open(const char* path, int* err, const _kel_progress_t* progress);
+/* Describes a file without opening it as a clip; returns the error code. */
+KEL_API int kel_file_info(const char* path, _kel_clip_info_t* info, const _kel_progress_t* progress);
+KEL_API void kel_clip_close(kel_clip_t* clip, const _kel_progress_t* progress);
+/* Writes the clip as a complete file of its format. block1 and block2 are
+ * the caller's extra bytes (for instance metadata chunks), written where
+ * the format keeps them. Non-zero on success; KEL_ERR_SAVED_WITH_ERRORS is
+ * a warning: the file is complete and kept. */
+KEL_API int kel_clip_save_to(kel_clip_t* clip, const char* path, const void* block1, int block1_len,
+                             const void* block2, int block2_len, int* err,
+                             const _kel_progress_t* progress);
+KEL_API void kel_clip_info(kel_clip_t* clip, _kel_clip_info_t* info);
+/* A new clip sharing packets first..last. */
+KEL_API kel_clip_t* kel_clip_copy(kel_clip_t* clip, int first, int last, int* err);
+/* Removes packets first..last and returns them as a new clip. */
+KEL_API kel_clip_t* kel_clip_cut(kel_clip_t* clip, int first, int last, int* err);
+/* Inserts all packets of other before packet at (clamped to the clip). */
+KEL_API void kel_clip_insert(kel_clip_t* clip, int at, kel_clip_t* other, int* err);
+KEL_API bool kel_clip_will_accept(kel_clip_t* clip, kel_clip_t* other, int* err);
+/* A new clip of target's format made from source packets first..last. */
+KEL_API kel_clip_t* kel_clip_transcode(kel_clip_t* target, kel_clip_t* source, int first, int last,
+                                       int* err, const _kel_progress_t* progress);
+/* A new clip of `packets` silent packets in the clip's format. */
+KEL_API kel_clip_t* kel_clip_create_silent(kel_clip_t* clip, int packets, int* err,
+                                           const _kel_progress_t* progress);
+/* A new empty clip of a format (KEL_FORMAT_*); bit_rate and flag (variable
+ * bit rate) serve the coded formats, bits_per_sample the PCM formats. */
+KEL_API kel_clip_t* kel_clip_create(int format, int channels, float sample_rate, int bits_per_sample,
+                                    int bit_rate, int flag, int* err);
+/* A clip made from two float arrays (left, right) of frames samples. */
+KEL_API kel_clip_t* kel_clip_create_from_buffer(float** buffers, float sample_rate, int frames,
+                                                int* err, const _kel_progress_t* progress);
+KEL_API int kel_clip_packet_count(kel_clip_t* clip);
+KEL_API int kel_clip_packet_frame_count(kel_clip_t* clip, int packet, int* err);
+
+KEL_API kel_overview_t* kel_clip_overview_create(kel_clip_t* clip,
+                                                 const _kel_overview_progress_t* progress);
+KEL_API void kel_clip_overview_destroy(kel_overview_t* overview);
+/* Fills out[2i] (maximum) and out[2i+1] (minimum) for `points` points over
+ * packets first..last; dirty_run non-zero draws a quick sampled preview.
+ * Returns the points delivered (fewer when cancelled). */
+KEL_API int kel_overview_generate(kel_overview_t* overview, int first, int last, int points,
+                                  int dirty_run, float* out, int* err);
+/* One RMS value per packet of first..last. */
+KEL_API int kel_rms_generate(kel_overview_t* overview, int first, int last, float* out, int* err);
+KEL_API float kel_max_sample_find(kel_overview_t* overview, int first, int last, int* err);
+
+/* Decodes one packet, with its gain and envelope, into buffers[0] and
+ * buffers[1] (each at least the packet's frame count); returns the frames. */
+KEL_API int kel_clip_packet_decode(kel_clip_t* clip, int packet, float** buffers, int* err);
+/* Gains are linear factors; formats whose gain moves in steps keep the
+ * wish and report the achievable value through the quantize call. */
+KEL_API int kel_clip_packet_set_gain(kel_clip_t* clip, int packet, float gain, int* err);
+KEL_API float kel_clip_packet_get_gain(kel_clip_t* clip, int packet, int* err);
+KEL_API float kel_clip_packet_quantize_gain(kel_clip_t* clip, int packet, int* err);
+/* A fade over packets first..last from level `from` to level `to` (0..1). */
+KEL_API int kel_clip_log_fade(kel_clip_t* clip, int first, int last, float from, float to, int* err);
+KEL_API void kel_clip_log_fade_remove(kel_clip_t* clip, int first, int last, int* err);
+/* Packets before `packet` that must be decoded first for it to decode. */
+KEL_API int kel_clip_packet_preroll_count(kel_clip_t* clip, int packet, int* err);
+/* Packets that let `packet` decode out of its context when placed in front
+ * of it; null with no error when none are needed. */
+KEL_API kel_clip_t* kel_clip_create_padding_clip(kel_clip_t* clip, int packet, int* err);
 
 /* Frames per packet of the PCM formats (WAVE, AIFF, CAF) when a file is
  * opened; 0 (the initial value) means 1024. Process-wide, unsynchronised. */
