@@ -1,0 +1,189 @@
+// Bit reader: the field reads, bounds and in-place writes against an
+// independent bit-by-bit model, and the alignment quirk.
+#include "mp3fixtures.h"
+
+#include "core/fourcc.h"
+#include "mp3/bitstream.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace KEL {
+namespace {
+
+using test::Bytes;
+const int kEbef = fourcc("Ebef");
+
+// Bits consumed so far by the reader, from its start.
+long consumed(const Bitstream& bs)
+{
+    return static_cast<long>(bs.current - bs.start) * 8 + bs.bit_offset;
+}
+
+TEST(Bitstream, HeaderWalkAndEndOfData)
+{
+    // One spare byte: get_bits_le8 loads the byte after its field.
+    Bytes b = {0xFF, 0xFB, 0x92, 0x64, 0x5A, 0xC3, 0xEE};
+    Bitstream bs(b.data(), 6);
+    int err = -1;
+    EXPECT_EQ(bs.skip_bits(11), 0);
+    EXPECT_EQ(bs.get_bits_le8(2, err), int(test::read_field(b, 11, 2)));
+    EXPECT_EQ(err, 0);
+    EXPECT_EQ(bs.skip_bits(2), 0);
+    EXPECT_EQ(bs.get_bits_le8(1, err), int(test::read_field(b, 15, 1)));
+    EXPECT_EQ(bs.skip_bits(8), 0);
+    EXPECT_EQ(bs.get_bits_le8(2, err), int(test::read_field(b, 24, 2)));
+    EXPECT_EQ(consumed(bs), 26);
+
+    // 22 bits are left: 23 fail without moving, 22 reach the end exactly.
+    EXPECT_EQ(bs.skip_bits(23), kEbef);
+    EXPECT_EQ(consumed(bs), 26);
+    EXPECT_EQ(bs.bytes_left * 8 - bs.bit_offset, 22);
+    EXPECT_EQ(bs.skip_bits(22), 0);
+    EXPECT_EQ(bs.current, b.data() + 6);
+    EXPECT_EQ(bs.bytes_left, 0);
+    EXPECT_EQ(bs.bit_offset, 0);
+
+    // At the end every bounded operation fails, gives 0 and stays put; a
+    // 0-bit field still reads (as 0); negative and over-wide requests are
+    // refused without moving.
+    int e1 = 0, e2 = 0, e3 = 0;
+    EXPECT_EQ(bs.get_bits_le8(1, e1) + bs.peek_8bits(e2) + bs.peek_bits_le8(3, e3), 0);
+    EXPECT_EQ(e1, kEbef);
+    EXPECT_EQ(e2, kEbef);
+    EXPECT_EQ(e3, kEbef);
+    EXPECT_EQ(bs.poke_8bits(0x00), kEbef);
+    EXPECT_EQ(b[6], 0xEE);
+    EXPECT_EQ(bs.get_bits_le8(0, err), 0);
+    EXPECT_EQ(err, 0);
+    bs.rewind();
+    EXPECT_EQ(bs.skip_bits(-1), kEbef);
+    EXPECT_EQ(bs.get_bits_le8(9, err), 0);
+    EXPECT_EQ(consumed(bs), 0);
+}
+
+TEST(Bitstream, UnalignedReadsWritesAndRewind)
+{
+    Bytes b = {0xAB, 0xCD, 0x00};
+    Bitstream bs(b.data(), 2);
+    ASSERT_EQ(bs.skip_bits(3), 0);
+    int err = -1;
+    EXPECT_EQ(bs.peek_8bits(err), 0x5E);
+    EXPECT_EQ(err, 0);
+    EXPECT_EQ(bs.peek_bits_le8(5, err), 0x0B);
+    EXPECT_EQ(bs.bit_offset, 3);
+    EXPECT_EQ(bs.get_bits_le8(5, err), 0x0B);
+    EXPECT_EQ(bs.bit_offset, 0);
+    EXPECT_EQ(bs.current, b.data() + 1);
+    EXPECT_EQ(bs.bytes_left, 1);
+
+    bs.rewind();
+    EXPECT_EQ(bs.current, b.data());
+    EXPECT_EQ(bs.start, b.data());
+    EXPECT_EQ(bs.bit_offset, 0);
+    EXPECT_EQ(bs.bytes_left, 2);
+    EXPECT_EQ(bs.length, 2);
+
+    // The 8-bit field is replaced; the bits around it are kept.
+    Bytes z = {0x00, 0x00};
+    Bitstream bz(z.data(), 2);
+    bz.skip_bits(3);
+    EXPECT_EQ(bz.poke_8bits(0xFF), 0);
+    EXPECT_EQ(z, (Bytes{0x1F, 0xE0}));
+    EXPECT_EQ(bz.bit_offset, 3);
+}
+
+TEST(Bitstream, ByteAlignKeepsCurrentAndShortensBound)
+{
+    Bytes b = {0x12, 0x34, 0x56};
+    Bitstream one(b.data() + 2, 1);
+    EXPECT_EQ(one.byte_align(), 0);
+    EXPECT_EQ(one.bytes_left, 1);
+    EXPECT_EQ(one.current, b.data() + 2);
+
+    one.skip_bits(5);
+    EXPECT_EQ(one.byte_align(), kEbef);
+    EXPECT_EQ(one.bit_offset, 0);
+    EXPECT_EQ(one.bytes_left, 0);
+    EXPECT_EQ(one.current, b.data() + 2);
+    EXPECT_EQ(one.byte_align(), kEbef); // nothing left at all
+
+    // Mid-buffer: the same byte is read again, with one byte less of bound.
+    Bytes c = {0x12, 0x34, 0x56, 0x00};
+    Bitstream bs(c.data(), 3);
+    bs.skip_bits(3);
+    EXPECT_EQ(bs.byte_align(), 0);
+    EXPECT_EQ(bs.current, c.data());
+    EXPECT_EQ(bs.bytes_left, 2);
+    int err = -1;
+    EXPECT_EQ(bs.get_bits_le8(8, err), 0x12);
+    EXPECT_EQ(bs.get_bits_le8(8, err), 0x34);
+    EXPECT_EQ(bs.get_bits_le8(1, err), 0);
+    EXPECT_EQ(err, kEbef);
+}
+
+// Random fields written with the test's writer come back through every
+// kind of read; pokes at random offsets match an independent bit model.
+TEST(Bitstream, RandomFieldsRoundTrip)
+{
+    std::mt19937 rng(20240611);
+    for (int round = 0; round < 300; ++round) {
+        struct Field {
+            int width;
+            unsigned value;
+            bool skip;
+        };
+        std::vector<Field> fields;
+        test::BitWriter w;
+        const int count = 1 + static_cast<int>(rng() % 40);
+        for (int i = 0; i < count; ++i) {
+            Field f{static_cast<int>(rng() % 9), 0, rng() % 4 == 0};
+            if (f.skip)
+                f.width = static_cast<int>(rng() % 24);
+            f.value = rng() & ((1u << f.width) - 1u);
+            w.put(f.value, f.width);
+            fields.push_back(f);
+        }
+        Bytes b = w.finish();
+        const int len = static_cast<int>(b.size());
+        b.push_back(static_cast<unsigned char>(rng())); // room for the look-ahead load
+        Bitstream bs(b.data(), len);
+        long pos = 0;
+        for (const Field& f : fields) {
+            int err = -1;
+            if (f.skip) {
+                ASSERT_EQ(bs.skip_bits(f.width), 0);
+            } else {
+                ASSERT_EQ(bs.peek_bits_le8(f.width, err), int(f.value));
+                if (pos + 8 <= long(len) * 8) {
+                    ASSERT_EQ(bs.peek_8bits(err), int(test::read_field(b, size_t(pos), 8)));
+                    ASSERT_EQ(err, 0);
+                }
+                ASSERT_EQ(bs.get_bits_le8(f.width, err), int(f.value));
+                ASSERT_EQ(err, 0);
+            }
+            pos += f.width;
+            ASSERT_EQ(consumed(bs), pos);
+            ASSERT_EQ(bs.bytes_left * 8 - bs.bit_offset, long(len) * 8 - pos);
+        }
+        // Beyond the written bits (plus zero padding) nothing reads.
+        ASSERT_EQ(bs.skip_bits(int(long(len) * 8 - pos) + 1), kEbef);
+
+        // Poke at a random position that leaves 8 bits.
+        if (len * 8 >= 8) {
+            const int at = static_cast<int>(rng() % static_cast<unsigned>(len * 8 - 7));
+            const unsigned char v = static_cast<unsigned char>(rng());
+            Bytes model = b;
+            test::write_field(model, size_t(at), 8, v);
+            bs.rewind();
+            ASSERT_EQ(bs.skip_bits(at), 0);
+            ASSERT_EQ(bs.poke_8bits(v), 0);
+            ASSERT_EQ(b, model) << "poke at bit " << at;
+            ASSERT_EQ(consumed(bs), at);
+        }
+    }
+}
+
+} // namespace
+} // namespace KEL
