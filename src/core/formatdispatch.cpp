@@ -2,6 +2,7 @@
 
 #include "core/clip.h"
 #include "core/fourcc.h"
+#include "pcm/clipwave.h"
 
 #include <utility>
 
@@ -26,7 +27,20 @@ FormatDispatch::FormatDispatch(std::vector<ClipFormat> containers, ClipFormat fa
 const FormatDispatch& FormatDispatch::standard()
 {
     // In asking order: AIFF, CAF, WAVE, AAC, Apple Lossless; MP3 last.
-    static const FormatDispatch dispatch({}, ClipFormat{nullptr, nullptr, nullptr, 0});
+    // Formats not built yet hold empty rows.
+    static const FormatDispatch dispatch(
+        {
+            ClipFormat{nullptr, nullptr, nullptr, 0}, // AIFF
+            ClipFormat{nullptr, nullptr, nullptr, 0}, // CAF
+            ClipFormat{&ClipWAVE::detect,
+                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
+                           return ClipWAVE::open(path, err, progress);
+                       },
+                       &ClipWAVE::get_file_info, fourcc("Ewav")}, // WAVE
+            ClipFormat{nullptr, nullptr, nullptr, 0}, // AAC in MPEG-4
+            ClipFormat{nullptr, nullptr, nullptr, 0}, // Apple Lossless in MPEG-4
+        },
+        ClipFormat{nullptr, nullptr, nullptr, 0});
     return dispatch;
 }
 

@@ -1,0 +1,60 @@
+// WAVE clips: RIFF WAVE files of 16- or 24-bit little-endian integer PCM,
+// opened as a clip of fixed-size packets (the raw packet size setting, 1024
+// frames unless set) and written back as canonical 44-byte-header files.
+#ifndef KEL_PCM_CLIPWAVE_H
+#define KEL_PCM_CLIPWAVE_H
+
+#include "core/clip.h"
+
+#include <cstdio>
+
+namespace KEL {
+
+class KEL_API ClipWAVE : public Clip {
+public:
+    ClipWAVE(int channels, float sampleRate, int bits, int packetFrames, BSFile* file);
+    ~ClipWAVE() override;
+
+    // Writes the packets (gains and envelopes applied) behind a canonical
+    // header, extra after the audio; secondBlock is not used by WAVE.
+    int save_to(const char* path, const void* extra, int extraLength, const void* secondBlock,
+                int secondLength, int* err, _kel_progress_ext_t* progress) override;
+    void get_info(_kel_clip_info_t* info) override;
+    Overview* create_overview(_kel_overview_progress_t* progress) override;
+    ClipDecoder* create_decoder() override;
+    ClipEncoder* create_encoder(float encoderParam) override;
+    int packet_decode_play(int index, float** out, int* err, float gain) override;
+    // Only another WAVE clip of the same channels, rate, width and packet
+    // length: "Eclt" for another format, "Ecld" for other parameters.
+    bool will_accept(Clip* other, int* err) override;
+    Clip* NewClip(BSFile* file) override;
+
+    // 0 when path starts as a RIFF WAVE file; "Efmu" when not, "Efor" when
+    // it cannot be read.
+    static int detect(const char* path);
+    static ClipWAVE* open(const char* path, int* err, _kel_progress_ext_t* progress);
+    // Fills info from the headers alone; progress is not used.
+    static int get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t* progress);
+    // An empty clip of 1 or 2 channels and 16 or 24 bits ("Eprm" otherwise)
+    // with packets of 1024 frames and no store.
+    static ClipWAVE* create_empty(int channels, float sampleRate, int bits, int* err);
+    // Walks the chunks of an open file for the format and the data chunk;
+    // every out-pointer may be null. Returns 0 or an error code.
+    static int scan(FILE* f, int* channels, int* bits, float* sampleRate, unsigned int* dataLength,
+                    unsigned int* dataOffset);
+    // Cuts the data chunk into packets on a new backing store of path.
+    int load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,
+             unsigned int dataLength, unsigned int dataOffset);
+
+    // Frames per packet, fixed when the clip was made.
+    int packetFrames;
+};
+
+// Writes the 44-byte canonical header at offset 0 (nothing when the seek
+// fails): RIFF size 36 + data + extraBytes, a 16-byte integer PCM "fmt "
+// chunk, and the "data" chunk header for frames frames.
+KEL_API void write_wave_header(FILE* f, long frames, float sampleRate, int channels, int bits, int extraBytes);
+
+} // namespace KEL
+
+#endif

@@ -1,0 +1,161 @@
+#include "pcm/pcmsaver.h"
+
+#include "core/bshandle.h"
+#include "core/clip.h"
+#include "core/fourcc.h"
+#include "core/packet.h"
+#include "core/progress.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace KEL {
+
+namespace {
+
+// The largest file, and the most frames, a PCM header can describe here.
+constexpr long long kSaveLimit = 2147483647LL;
+
+// The code for a path that cannot be created: a directory in the way is
+// passed through as the system's EISDIR, anything else is "Efow".
+int open_failure_code(int error)
+{
+    return error == EISDIR ? EISDIR : fourcc("Efow");
+}
+
+} // namespace
+
+PcmSaver::PcmSaver(int header_bytes, HeaderWriter write_header)
+    : header_bytes_(header_bytes), write_header_(std::move(write_header))
+{
+}
+
+PcmSaver::~PcmSaver()
+{
+    if (file_ != nullptr)
+        std::fclose(file_);
+    std::free(buffer_);
+}
+
+int PcmSaver::fail(int code)
+{
+    if (file_ != nullptr) {
+        std::remove(path_);
+        std::fclose(file_);
+        file_ = nullptr;
+    }
+    return code;
+}
+
+unsigned char* PcmSaver::reserve(int size)
+{
+    const size_t wanted = size > 0 ? static_cast<size_t>(size) : 1;
+    if (wanted > buffer_size_) {
+        auto grown = static_cast<unsigned char*>(std::realloc(buffer_, wanted));
+        if (grown == nullptr)
+            return nullptr;
+        buffer_ = grown;
+        buffer_size_ = wanted;
+    }
+    return buffer_;
+}
+
+int PcmSaver::check_limits(const Clip& clip, int extra_length) const
+{
+    long long bytes = static_cast<long long>(header_bytes_) + extra_length;
+    for (int i = 0; i < clip.packet_count; ++i) {
+        const BSHandle* handle = clip.packets[i]->handle;
+        if (handle != nullptr && handle->size > 0)
+            bytes += handle->size;
+    }
+    if (bytes > kSaveLimit)
+        return fourcc("Ebyt");
+    long long frames = 0;
+    for (int i = 0; i < clip.packet_count; ++i) {
+        frames += clip.packets[i]->disk_frame_count();
+        if (frames > kSaveLimit)
+            return fourcc("Esmp");
+    }
+    return 0;
+}
+
+int PcmSaver::write_packets(const Clip& clip, _kel_progress_ext_t* progress, bool& gap, long long& frames)
+{
+    ProgressThrottle throttle(progress);
+    const float step = 100.0f / static_cast<float>(clip.packet_count);
+    for (int i = 0; i < clip.packet_count; ++i) {
+        Packet* packet = clip.packets[i];
+        const int size = packet->handle != nullptr && packet->handle->size > 0 ? packet->handle->size : 0;
+        unsigned char* bytes = reserve(size);
+        if (bytes == nullptr)
+            return fourcc("EUnk");
+        int frames_in_envelope = 0;
+        const int got = packet->gain_envelope(frames_in_envelope) != nullptr
+                            ? packet->get_bytes_with_gain_and_envelope(bytes)
+                            : packet->get_bytes(bytes, -1.0f);
+        if (got < size) {
+            // Unreadable bytes are saved as silence of the same length, so
+            // the file stays whole; the caller hears of it through "Egga".
+            std::memset(bytes, 0, static_cast<size_t>(size));
+            gap = true;
+        }
+        if (size > 0 && std::fwrite(bytes, 1, static_cast<size_t>(size), file_) != static_cast<size_t>(size))
+            return fourcc("EIO ");
+        frames += packet->disk_frame_count();
+        (void)throttle.step(step * static_cast<float>(i));
+    }
+    return 0;
+}
+
+int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int extra_length,
+                   _kel_progress_ext_t* progress)
+{
+    if (path == nullptr)
+        return fourcc("Efow");
+    path_ = path;
+    file_ = std::fopen(path, "w+");
+    if (file_ == nullptr)
+        return open_failure_code(errno);
+
+    if (clip.packet_count <= 0 || clip.packets == nullptr)
+        return fail(fourcc("Empt"));
+    if (extra == nullptr || extra_length < 0)
+        extra_length = 0;
+    if (const int code = check_limits(clip, extra_length))
+        return fail(code);
+
+    unsigned char* zeros = reserve(header_bytes_);
+    if (zeros == nullptr)
+        return fail(fourcc("EUnk"));
+    std::memset(zeros, 0, static_cast<size_t>(header_bytes_));
+    if (std::fwrite(zeros, 1, static_cast<size_t>(header_bytes_), file_) != static_cast<size_t>(header_bytes_))
+        return fail(fourcc("EIO "));
+
+    bool gap = false;
+    long long frames = 0;
+    if (const int code = write_packets(clip, progress, gap, frames))
+        return fail(code);
+    report_progress(progress, 100.0f);
+
+    if (extra_length > 0 &&
+        std::fwrite(extra, 1, static_cast<size_t>(extra_length), file_) != static_cast<size_t>(extra_length))
+        return fail(fourcc("EIO "));
+
+    write_header_(file_, frames, extra_length);
+    // Errors of buffered writes surface only here; the file must not stay
+    // behind with a header that describes bytes that never arrived.
+    if (std::fflush(file_) != 0 || std::ferror(file_))
+        return fail(fourcc("EIO "));
+    FILE* done = file_;
+    file_ = nullptr;
+    if (std::fclose(done) != 0) {
+        std::remove(path);
+        return fourcc("EIO ");
+    }
+    return gap ? fourcc("Egga") : 0;
+}
+
+} // namespace KEL
