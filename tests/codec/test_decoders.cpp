@@ -1,0 +1,416 @@
+// The decoder components against FFmpeg's own decoding of streams made by
+// the ffmpeg program, and against the generated PCM where the codec is
+// lossless; statuses, resets, the MP3 length check, the Apple Lossless
+// cookie and hand-made uncompressed frames.
+#include "codecoracle.h"
+
+#include "codec/codecdecodermp3.h"
+#include "codec/componentinstancerecord.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <map>
+
+namespace KEL {
+namespace test {
+namespace {
+
+struct Reference {
+    Pcm pcm;
+    Stream stream;
+};
+
+// The reference streams, made once for the whole program.
+const Reference& reference(const std::string& name)
+{
+    static std::map<std::string, Reference> made;
+    static TempDir dir;
+    auto found = made.find(name);
+    if (found != made.end())
+        return found->second;
+    struct Recipe {
+        int channels, bits, rate;
+        std::vector<std::string> codec;
+        const char* extension;
+    };
+    static const std::map<std::string, Recipe> recipes = {
+        {"mp3-stereo", {2, 16, 44100, {"-c:a", "libmp3lame", "-b:a", "128k"}, "mp3"}},
+        {"mp3-mono-22k", {1, 16, 22050, {"-c:a", "libmp3lame", "-b:a", "48k"}, "mp3"}},
+        {"aac-stereo", {2, 16, 44100, {"-c:a", "aac", "-b:a", "128k"}, "m4a"}},
+        {"aac-mono-48k", {1, 16, 48000, {"-c:a", "aac", "-b:a", "64k"}, "m4a"}},
+        {"alac16-mono", {1, 16, 44100, {"-c:a", "alac"}, "m4a"}},
+        {"alac16-stereo", {2, 16, 44100, {"-c:a", "alac"}, "m4a"}},
+        {"alac24-mono", {1, 24, 48000, {"-c:a", "alac"}, "m4a"}},
+        {"alac24-stereo", {2, 24, 48000, {"-c:a", "alac"}, "m4a"}},
+    };
+    const Recipe& r = recipes.at(name);
+    Reference ref;
+    // 2.3 s: not a whole number of Apple Lossless packets, so the last is short.
+    ref.pcm = make_pcm(r.channels, r.bits, r.rate, static_cast<size_t>(r.rate * 23 / 10), 0.1,
+                       static_cast<uint32_t>(name.size()));
+    const std::string wav = dir.path(name + ".wav");
+    const std::string coded = dir.path(name + "." + r.extension);
+    write_wav(wav, ref.pcm);
+    std::vector<std::string> args = {"-i", wav};
+    args.insert(args.end(), r.codec.begin(), r.codec.end());
+    args.push_back(coded);
+    EXPECT_TRUE(run_ffmpeg(args)) << name;
+    EXPECT_TRUE(demux(coded, ref.stream)) << name;
+    return made.emplace(name, std::move(ref)).first->second;
+}
+
+struct Case {
+    const char* name;
+    int32_t format;
+    uint32_t flags;
+    uint32_t frames_per_packet;
+};
+
+Instance decoder(const Case& c, const Stream& s, const AudioStreamBasicDescription& out)
+{
+    Instance codec = open_codec(kComponentDecoder, c.format);
+    if (!codec)
+        return codec;
+    const AudioStreamBasicDescription in = compressed(c.format, c.flags, c.frames_per_packet, s.channels, s.rate);
+    EXPECT_EQ(audio_codec_initialize(codec.get(), &in, &out, nullptr, 0), 0) << c.name;
+    return codec;
+}
+
+// Packets first..last, one append and one produce each with room for one
+// packet's frames; every produce must give output with status 2.
+Bytes decode_range(ComponentInstanceRecord* codec, const Stream& s, size_t first, size_t last, uint32_t capacity)
+{
+    Bytes out;
+    for (size_t i = first; i <= last && i < s.packets.size(); ++i) {
+        EXPECT_EQ(append_packet(codec, s.packets[i]), 0) << "packet " << i;
+        uint32_t status = 0;
+        EXPECT_EQ(produce(codec, capacity, out, status), 0) << "packet " << i;
+        EXPECT_EQ(status, kProduceOutput) << "packet " << i;
+    }
+    return out;
+}
+
+bool same_bits(const std::vector<float>& a, const std::vector<float>& b)
+{
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
+}
+
+class DecodesLikeFFmpeg : public ::testing::TestWithParam<Case> {};
+
+TEST_P(DecodesLikeFFmpeg, FloatOutputBitForBitAndLosslessIntegers)
+{
+    const Case& c = GetParam();
+    const Reference& ref = reference(c.name);
+    const Stream& s = ref.stream;
+    ASSERT_EQ(s.channels, ref.pcm.channels);
+    if (c.format == kFormatALAC) {
+        ASSERT_GE(s.extradata.size(), 18u);
+        ASSERT_EQ(s.extradata[17], ref.pcm.bits); // the file's own bit depth
+    }
+
+    const uint32_t float_capacity = c.frames_per_packet * static_cast<uint32_t>(s.channels) * 4;
+    Instance floats = decoder(c, s, pcm_float(s.channels, s.rate));
+    ASSERT_TRUE(floats);
+    const std::vector<float> got = be_floats(decode_range(floats.get(), s, 0, s.packets.size() - 1, float_capacity));
+    const std::vector<float> want = reference_decode(s);
+    ASSERT_FALSE(want.empty());
+    EXPECT_TRUE(same_bits(got, want)) << c.name << ": " << got.size() << " samples against " << want.size();
+
+    if (c.format == kFormatALAC) {
+        const int bits = ref.pcm.bits;
+        Instance ints = decoder(c, s, pcm_int(s.channels, s.rate, bits));
+        ASSERT_TRUE(ints);
+        const uint32_t capacity = c.frames_per_packet * static_cast<uint32_t>(s.channels * bits / 8);
+        EXPECT_EQ(be_ints(decode_range(ints.get(), s, 0, s.packets.size() - 1, capacity), bits), ref.pcm.samples);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, DecodesLikeFFmpeg,
+                         ::testing::Values(Case{"mp3-stereo", kFormatMP3, 0, 1152},
+                                           Case{"mp3-mono-22k", kFormatMP3, 0, 576},
+                                           Case{"aac-stereo", kFormatAAC, 0, 1024},
+                                           Case{"aac-mono-48k", kFormatAAC, 0, 1024},
+                                           Case{"alac16-mono", kFormatALAC, 1, 4096},
+                                           Case{"alac16-stereo", kFormatALAC, 1, 4096},
+                                           Case{"alac24-mono", kFormatALAC, 3, 4096},
+                                           Case{"alac24-stereo", kFormatALAC, 3, 4096}),
+                         [](const ::testing::TestParamInfo<Case>& info) {
+                             std::string n = info.param.name;
+                             for (char& ch : n)
+                                 if (ch == '-')
+                                     ch = '_';
+                             return n;
+                         });
+
+TEST(CodecDecoder, StatusesFollowTheBufferedAudio)
+{
+    const Case c{"aac-stereo", kFormatAAC, 0, 1024};
+    const Stream& s = reference(c.name).stream;
+    Instance codec = decoder(c, s, pcm_float(2, s.rate));
+    ASSERT_TRUE(codec);
+    const std::vector<float> whole = be_floats(decode_range(decoder(c, s, pcm_float(2, s.rate)).get(), s, 0, 2, 8192));
+
+    Bytes out;
+    uint32_t status = 0;
+    uint32_t frames = 0;
+    EXPECT_EQ(produce(codec.get(), 8192, out, status, &frames), 0);
+    EXPECT_EQ(status, kProduceNeedsInput);
+    EXPECT_EQ(frames, 0u);
+    EXPECT_TRUE(out.empty());
+
+    // Three packets at once, taken out 1000 frames (8000 bytes) at a time:
+    // 3072 frames come as 1000, 1000, 1000 with more to come, then 72.
+    Bytes block;
+    std::vector<AudioStreamPacketDescription> d;
+    for (size_t i = 0; i < 3; ++i) {
+        const uint32_t size = static_cast<uint32_t>(s.packets[i].size());
+        d.push_back(AudioStreamPacketDescription{static_cast<int64_t>(block.size()), 0, size});
+        block.insert(block.end(), s.packets[i].begin(), s.packets[i].end());
+    }
+    uint32_t bytes = static_cast<uint32_t>(block.size());
+    uint32_t packets = 3;
+    ASSERT_EQ(audio_codec_append_input_data(codec.get(), block.data(), &bytes, &packets, d.data()), 0);
+    EXPECT_EQ(packets, 3u);
+    const std::vector<uint32_t> want_status = {kProduceOutputMore, kProduceOutputMore, kProduceOutputMore,
+                                               kProduceOutput};
+    const std::vector<uint32_t> want_frames = {1000, 1000, 1000, 72};
+    for (size_t k = 0; k < want_status.size(); ++k) {
+        EXPECT_EQ(produce(codec.get(), 8003, out, status, &frames), 0);
+        EXPECT_EQ(status, want_status[k]) << "call " << k;
+        EXPECT_EQ(frames, want_frames[k]) << "call " << k;
+    }
+    EXPECT_TRUE(same_bits(be_floats(out), whole));
+    EXPECT_EQ(produce(codec.get(), 8192, out, status), 0);
+    EXPECT_EQ(status, kProduceNeedsInput);
+    // Less room than one frame is an error, not a status.
+    Bytes more = s.packets[3];
+    ASSERT_EQ(append_packet(codec.get(), more), 0);
+    EXPECT_EQ(produce(codec.get(), 7, out, status), kCodecErrNotEnoughBufferSpace);
+}
+
+TEST(CodecDecoder, ResetLeavesTheDecoderAsNew)
+{
+    // MP3: a flush clears the bit reservoir; AAC: the decoder is reopened.
+    for (const Case& c : {Case{"mp3-stereo", kFormatMP3, 0, 1152}, Case{"aac-stereo", kFormatAAC, 0, 1024}}) {
+        const Stream& s = reference(c.name).stream;
+        const uint32_t capacity = c.frames_per_packet * 2 * 4;
+        Instance used = decoder(c, s, pcm_float(2, s.rate));
+        Instance fresh = decoder(c, s, pcm_float(2, s.rate));
+        ASSERT_TRUE(used && fresh);
+        decode_range(used.get(), s, 0, 15, capacity);
+        ASSERT_EQ(append_packet(used.get(), s.packets[16]), 0); // left queued: reset drops it
+        ASSERT_EQ(audio_codec_reset(used.get()), 0);
+        const std::vector<float> after_reset = be_floats(decode_range(used.get(), s, 30, 40, capacity));
+        const std::vector<float> from_new = be_floats(decode_range(fresh.get(), s, 30, 40, capacity));
+        EXPECT_EQ(after_reset.size(), 11u * c.frames_per_packet * 2);
+        EXPECT_TRUE(same_bits(after_reset, from_new)) << c.name;
+    }
+}
+
+TEST(CodecDecoderMP3, FrameLengthsAndShortFrames)
+{
+    for (const char* name : {"mp3-stereo", "mp3-mono-22k"}) {
+        const Stream& s = reference(name).stream;
+        // The demuxer cuts frames by its own parser: the header arithmetic
+        // must give the same lengths (MPEG-1 and MPEG-2, with and without
+        // padding).
+        for (size_t i = 0; i < s.packets.size(); ++i)
+            ASSERT_EQ(CodecDecoderMP3::frame_length(s.packets[i].data(), s.packets[i].size()),
+                      static_cast<int>(s.packets[i].size()))
+                << name << " packet " << i;
+    }
+    const Case c{"mp3-stereo", kFormatMP3, 0, 1152};
+    const Stream& s = reference(c.name).stream;
+    Instance codec = decoder(c, s, pcm_float(2, s.rate));
+    ASSERT_TRUE(codec);
+    Bytes out;
+    uint32_t status = 0;
+    Bytes cut(s.packets[5].begin(), s.packets[5].end() - 1);
+    ASSERT_EQ(append_packet(codec.get(), cut), 0);
+    EXPECT_EQ(produce(codec.get(), 1152 * 8, out, status), kCodecErrBadData);
+    EXPECT_EQ(status, kProduceFailure);
+    const Bytes no_header = {0x12, 0x34, 0x56, 0x78, 0x9A};
+    ASSERT_EQ(append_packet(codec.get(), no_header), 0);
+    EXPECT_EQ(produce(codec.get(), 1152 * 8, out, status), kCodecErrBadData);
+    // The failed packets are gone; a whole one decodes.
+    ASSERT_EQ(append_packet(codec.get(), s.packets[6]), 0);
+    EXPECT_EQ(produce(codec.get(), 1152 * 8, out, status), 0);
+    EXPECT_EQ(status, kProduceOutput);
+    EXPECT_EQ(out.size(), 1152u * 8);
+}
+
+uint32_t be32_at(const Bytes& b, size_t at)
+{
+    return (static_cast<uint32_t>(b[at]) << 24) | (static_cast<uint32_t>(b[at + 1]) << 16) |
+           (static_cast<uint32_t>(b[at + 2]) << 8) | b[at + 3];
+}
+
+Bytes get_cookie(ComponentInstanceRecord* codec, int* err)
+{
+    Bytes cookie(512);
+    uint32_t size = 512;
+    *err = audio_codec_get_property(codec, kPropertyMagicCookie, &size, cookie.data());
+    cookie.resize(*err == 0 ? size : 0);
+    return cookie;
+}
+
+// An uncompressed frame as the Apple Lossless clips write one by hand for a
+// short packet: element tag and channel bits (channels << 4 & 0xE0), a zero
+// byte, 2 (16 bits) or 6 (24 bits) for the flags byte, then the big-endian
+// samples moved one bit later, with no END element.
+Bytes hand_made_frame(const Pcm& pcm)
+{
+    const Bytes samples = big_endian_bytes(pcm, 0, pcm.frames());
+    Bytes frame = {static_cast<uint8_t>((pcm.channels << 4) & 0xE0), 0, static_cast<uint8_t>(pcm.bits == 16 ? 2 : 6)};
+    frame.resize(3 + samples.size(), 0);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        frame[2 + i] |= static_cast<uint8_t>(samples[i] >> 7);
+        frame[3 + i] = static_cast<uint8_t>(samples[i] << 1);
+    }
+    return frame;
+}
+
+TEST(CodecDecoderALAC, CookieLayoutAndRoundTrip)
+{
+    Instance codec = open_codec(kComponentDecoder, kFormatALAC);
+    ASSERT_TRUE(codec);
+    int err = 0;
+    get_cookie(codec.get(), &err);
+    EXPECT_EQ(err, kCodecErrState); // nothing to build it from yet
+
+    const AudioStreamBasicDescription in = compressed(kFormatALAC, 3, 4096, 2, 48000);
+    const AudioStreamBasicDescription out = pcm_int(2, 48000, 24);
+    ASSERT_EQ(audio_codec_initialize(codec.get(), &in, &out, nullptr, 0), 0);
+    Bytes cookie = get_cookie(codec.get(), &err);
+    ASSERT_EQ(err, 0);
+    ASSERT_EQ(cookie.size(), 48u);
+    EXPECT_EQ(be32_at(cookie, 0), 12u);
+    EXPECT_EQ(be32_at(cookie, 4), static_cast<uint32_t>(fourcc("frma")));
+    EXPECT_EQ(be32_at(cookie, 8), static_cast<uint32_t>(fourcc("alac")));
+    EXPECT_EQ(be32_at(cookie, 12), 36u);
+    EXPECT_EQ(be32_at(cookie, 16), static_cast<uint32_t>(fourcc("alac")));
+    EXPECT_EQ(be32_at(cookie, 24), 4096u); // frame length
+    EXPECT_EQ(cookie[29], 24);             // bit depth, from flags 3
+    EXPECT_EQ(cookie[30], 40);             // the value that marks the layout
+    EXPECT_EQ(cookie[33], 2);              // channels
+    EXPECT_EQ(be32_at(cookie, 44), 48000u);
+
+    // A 16-bit cookie with 1000-frame packets, set in the layout and as the
+    // bare atom, reads back in the layout and configures the decoder: a
+    // hand-made 16-bit frame decodes, widened to the 24-bit output.
+    cookie[29] = 16;
+    cookie[24] = 0;
+    cookie[25] = 0;
+    cookie[26] = 0x03;
+    cookie[27] = 0xE8;
+    ASSERT_EQ(audio_codec_set_property(codec.get(), kPropertyMagicCookie, 48, cookie.data()), 0);
+    EXPECT_EQ(get_cookie(codec.get(), &err), cookie);
+    ASSERT_EQ(audio_codec_set_property(codec.get(), kPropertyMagicCookie, 36, cookie.data() + 12), 0);
+    EXPECT_EQ(get_cookie(codec.get(), &err), cookie);
+    const Bytes junk(30, 0x55);
+    EXPECT_NE(audio_codec_set_property(codec.get(), kPropertyMagicCookie, 30, junk.data()), 0);
+
+    const Pcm pcm = make_pcm(2, 16, 48000, 1000, 0.5, 7);
+    ASSERT_EQ(append_packet(codec.get(), hand_made_frame(pcm)), 0);
+    Bytes decoded;
+    uint32_t status = 0;
+    ASSERT_EQ(produce(codec.get(), 4096 * 6, decoded, status), 0);
+    std::vector<int32_t> widened;
+    for (int32_t v : pcm.samples)
+        widened.push_back(v * 256);
+    EXPECT_EQ(be_ints(decoded, 24), widened);
+}
+
+TEST(CodecDecoderALAC, UncompressedFrameWithoutEndDecodesToItsSamples)
+{
+    for (int channels : {1, 2}) {
+        for (int bits : {16, 24}) {
+            const Pcm pcm = make_pcm(channels, bits, 44100, 1000, 0.7, static_cast<uint32_t>(channels * bits));
+            const Bytes frame = hand_made_frame(pcm);
+            ASSERT_EQ(frame.size(), 3 + 1000u * channels * bits / 8);
+            const uint32_t flags = bits == 16 ? 1 : 3;
+            const AudioStreamBasicDescription in = compressed(kFormatALAC, flags, 4096, channels, 44100);
+
+            // FFmpeg alone refuses the frame.
+            Stream alone;
+            alone.codec_id = AV_CODEC_ID_ALAC;
+            alone.channels = channels;
+            alone.rate = 44100;
+            Instance probe = open_codec(kComponentDecoder, kFormatALAC);
+            const AudioStreamBasicDescription probe_out = pcm_float(channels, 44100);
+            ASSERT_EQ(audio_codec_initialize(probe.get(), &in, &probe_out, nullptr, 0), 0);
+            int err = 0;
+            const Bytes cookie = get_cookie(probe.get(), &err);
+            alone.extradata.assign(cookie.begin() + 12, cookie.end());
+            alone.packets.push_back(frame);
+            EXPECT_TRUE(reference_decode(alone).empty());
+
+            // As the clips decode a short packet: the frame, then zero bytes
+            // declared as no packet, and room for a whole 4096-frame packet.
+            for (bool as_float : {false, true}) {
+                Instance codec = open_codec(kComponentDecoder, kFormatALAC);
+                const AudioStreamBasicDescription out =
+                    as_float ? pcm_float(channels, 44100) : pcm_int(channels, 44100, bits);
+                ASSERT_EQ(audio_codec_initialize(codec.get(), &in, &out, nullptr, 0), 0);
+                ASSERT_EQ(append_packet(codec.get(), frame), 0);
+                const Bytes zeros(static_cast<size_t>(channels * (4097 - 1000) * bits / 8), 0);
+                uint32_t zero_bytes = static_cast<uint32_t>(zeros.size());
+                uint32_t zero_packets = 0;
+                const int padded =
+                    audio_codec_append_input_data(codec.get(), zeros.data(), &zero_bytes, &zero_packets, nullptr);
+                ASSERT_EQ(padded, 0);
+                Bytes decoded;
+                uint32_t status = 0;
+                ASSERT_EQ(produce(codec.get(), out.bytes_per_frame * 4096, decoded, status), 0);
+                EXPECT_EQ(status, kProduceOutput);
+                if (as_float) {
+                    std::vector<float> want;
+                    for (int32_t v : pcm.samples)
+                        want.push_back(static_cast<float>(std::ldexp(static_cast<double>(v), 1 - bits)));
+                    EXPECT_TRUE(same_bits(be_floats(decoded), want)) << channels << " channels, " << bits << " bits";
+                } else {
+                    EXPECT_EQ(be_ints(decoded, bits), pcm.samples) << channels << " channels, " << bits << " bits";
+                }
+            }
+        }
+    }
+}
+
+TEST(CodecComponents, FFmpegPrintsNothing)
+{
+    StderrCapture capture;
+    {
+        // Garbage for the AAC decoder, which FFmpeg reports as errors.
+        Instance codec = open_codec(kComponentDecoder, kFormatAAC);
+        ASSERT_TRUE(codec);
+        const AudioStreamBasicDescription in = compressed(kFormatAAC, 0, 1024, 2, 44100);
+        const AudioStreamBasicDescription out = pcm_float(2, 44100);
+        ASSERT_EQ(audio_codec_initialize(codec.get(), &in, &out, nullptr, 0), 0);
+        int failures = 0;
+        for (int k = 0; k < 5; ++k) {
+            ASSERT_EQ(append_packet(codec.get(), Bytes(200, static_cast<uint8_t>(0x5A + k))), 0);
+            Bytes decoded;
+            uint32_t status = 0;
+            failures += produce(codec.get(), 8192, decoded, status) != 0;
+        }
+        EXPECT_GT(failures, 0);
+        // The AAC encoder reports its average quantiser when it closes.
+        Instance encoder = open_codec(kComponentEncoder, kFormatAAC);
+        const AudioStreamBasicDescription enc_out = compressed(kFormatAAC, 0, 1024, 2, 44100);
+        ASSERT_EQ(audio_codec_initialize(encoder.get(), &out, &enc_out, nullptr, 0), 0);
+        const Bytes silence(1024 * 8, 0);
+        uint32_t bytes = static_cast<uint32_t>(silence.size());
+        uint32_t packets = 1;
+        ASSERT_EQ(audio_codec_append_input_data(encoder.get(), silence.data(), &bytes, &packets, nullptr), 0);
+        Bytes packet;
+        uint32_t status = 0;
+        EXPECT_EQ(produce(encoder.get(), 16384, packet, status), 0);
+    }
+    EXPECT_EQ(capture.finish(), "");
+}
+
+} // namespace
+} // namespace test
+} // namespace KEL
