@@ -4,6 +4,9 @@
 
 #include "kel.h"
 
+#include <cstddef>
+#include <new>
+
 namespace KEL {
 
 // A reference count that starts at 1. The count is a plain int: packets and
@@ -19,6 +22,14 @@ public:
     // Drops one reference and deletes the object when none is left.
     void release();
     int retain_count() const { return refcount; }
+
+    // Packets and handles come from the small-object pool; the sized
+    // delete receives the dynamic type's size through the virtual
+    // destructor.
+    static void* operator new(size_t size);
+    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+    static void operator delete(void* p, size_t size) noexcept;
+    static void operator delete(void* p, size_t size, const std::nothrow_t&) noexcept;
 
 protected:
     int refcount = 1;

@@ -212,3 +212,39 @@ TEST(PacketCopy, CopySharesHandleAndDuplicatesState)
     EXPECT_NE(c->envelope, p->envelope);
     EXPECT_EQ(c->envelope[7], 8.0f);
 }
+
+TEST(PacketPool, ManyPacketsAndHandlesKeepTheirOwnMemory)
+{
+    // Packets and handles of several sizes, created and released in a
+    // scrambled order, must never share storage.
+    std::vector<Packet*> packets;
+    for (int i = 0; i < 20000; ++i) {
+        auto* handle = new BSHandleMem(i % 7 + 1);
+        Packet* p = new FakePacket(static_cast<float>(i), i, handle);
+        handle->release();
+        p->format_value = i;
+        p->wave_cache[15] = static_cast<float>(-i);
+        packets.push_back(p);
+    }
+    uint32_t seed = 12345;
+    for (size_t i = packets.size() - 1; i > 0; --i) {
+        seed = seed * 1664525u + 1013904223u;
+        std::swap(packets[i], packets[seed % (i + 1)]);
+    }
+    for (size_t k = 0; k < packets.size(); ++k) {
+        Packet* p = packets[k];
+        const int i = p->format_value;
+        ASSERT_EQ(p->frame_count, i);
+        ASSERT_EQ(p->sample_rate, static_cast<float>(i));
+        ASSERT_EQ(p->wave_cache[15], static_cast<float>(-i));
+        ASSERT_EQ(p->handle->size, i % 7 + 1);
+        p->release();
+        // Reuse freed memory at once; the survivors must be untouched.
+        if (k % 3 == 0) {
+            auto* h = new BSHandleMem(99);
+            Packet* q = new FakePacket(1.0f, -1, h);
+            h->release();
+            q->release();
+        }
+    }
+}
