@@ -145,8 +145,9 @@ KEL_API int kel_file_info(const char* path, _kel_clip_info_t* info, const _kel_p
 KEL_API void kel_clip_close(kel_clip_t* clip, const _kel_progress_t* progress);
 /* Writes the clip as a complete file of its format. block1 and block2 are
  * the caller's extra bytes (for instance metadata chunks), written where
- * the format keeps them. Non-zero on success; KEL_ERR_SAVED_WITH_ERRORS is
- * a warning: the file is complete and kept. */
+ * the format keeps them. Returns the code also left in *err: 0 on success;
+ * KEL_ERR_SAVED_WITH_ERRORS is a warning: the file is complete and kept.
+ * A save that fails otherwise leaves no file behind. */
 KEL_API int kel_clip_save_to(kel_clip_t* clip, const char* path, const void* block1, int block1_len,
                              const void* block2, int block2_len, int* err,
                              const _kel_progress_t* progress);

@@ -8,6 +8,7 @@
 #include "core/fourcc.h"
 #include "core/packet.h"
 #include "core/progress.h"
+#include "pcm/clipcaff.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -143,21 +144,28 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
     return result;
 }
 
-Clip* Clip::create_silent(int packets_wanted, int* err, _kel_progress_ext_t*)
+Clip* Clip::create_silent(int packets_wanted, int* err, _kel_progress_ext_t* progress)
 {
     if (packets_wanted < 1) {
         *err = fourcc("EPnm");
         return nullptr;
     }
     int ignored = 0;
-    if (packet_frame_count(0, &ignored) == 0) {
+    const int frames = packet_frame_count(0, &ignored);
+    if (frames == 0) {
         *err = fourcc("Empt");
         return nullptr;
     }
-    // Silence is made as a CAF clip and transcoded into this format; until
-    // the CAF format is built in, no silent clip can be made.
-    *err = fourcc("Enot");
-    return nullptr;
+    // Silence is made as a CAF clip of packets_wanted references to one
+    // silent packet of this clip's packet length, and transcoded into this
+    // format.
+    ClipCAFF* silent = ClipCAFF::create_silent(sample_rate, packets_wanted, frames, err);
+    if (silent == nullptr)
+        return nullptr;
+    Clip* result = transcode(silent, 0, packets_wanted - 1, err, progress);
+    silent->close(nullptr);
+    delete silent;
+    return result;
 }
 
 } // namespace KEL

@@ -2,6 +2,9 @@
 
 #include "core/clip.h"
 #include "core/fourcc.h"
+#include "mp3/clipmp3.h"
+#include "pcm/clipaiff.h"
+#include "pcm/clipcaff.h"
 #include "pcm/clipwave.h"
 
 #include <utility>
@@ -30,8 +33,16 @@ const FormatDispatch& FormatDispatch::standard()
     // Formats not built yet hold empty rows.
     static const FormatDispatch dispatch(
         {
-            ClipFormat{nullptr, nullptr, nullptr, 0}, // AIFF
-            ClipFormat{nullptr, nullptr, nullptr, 0}, // CAF
+            ClipFormat{&ClipAIFF::detect,
+                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
+                           return ClipAIFF::open(path, err, progress);
+                       },
+                       &ClipAIFF::get_file_info, fourcc("Eaif")}, // AIFF
+            ClipFormat{&ClipCAFF::detect,
+                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
+                           return ClipCAFF::open(path, err, progress);
+                       },
+                       &ClipCAFF::get_file_info, fourcc("Ecaf")}, // CAF
             ClipFormat{&ClipWAVE::detect,
                        [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
                            return ClipWAVE::open(path, err, progress);
@@ -40,7 +51,12 @@ const FormatDispatch& FormatDispatch::standard()
             ClipFormat{nullptr, nullptr, nullptr, 0}, // AAC in MPEG-4
             ClipFormat{nullptr, nullptr, nullptr, 0}, // Apple Lossless in MPEG-4
         },
-        ClipFormat{nullptr, nullptr, nullptr, 0});
+        // MP3 has no signature to detect by: asked last, never "corrupt".
+        ClipFormat{&ClipMP3::detect,
+                   [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
+                       return ClipMP3::open(path, err, progress, false, false);
+                   },
+                   &ClipMP3::get_file_info, 0});
     return dispatch;
 }
 

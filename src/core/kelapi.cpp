@@ -5,7 +5,11 @@
 
 #include "core/clip.h"
 #include "core/fourcc.h"
+#include "mp3/clipmp3.h"
 #include "overview/overview.h"
+#include "pcm/clipaiff.h"
+#include "pcm/clipcaff.h"
+#include "pcm/clipwave.h"
 
 using KEL::Clip;
 using KEL::Overview;
@@ -125,19 +129,30 @@ kel_clip_t* kel_clip_create_silent(kel_clip_t* clip, int packets, int* err, cons
 kel_clip_t* kel_clip_create(int format, int channels, float sample_rate, int bits_per_sample, int bit_rate,
                             int flag, int* err)
 {
-    // The error word is written only on failure.
-    ErrorWord e(err);
-    (void)channels;
-    (void)sample_rate;
-    (void)bits_per_sample;
-    (void)bit_rate;
-    (void)flag;
+    // The caller's error word is written only on failure.
+    int code = 0;
+    Clip* clip = nullptr;
     switch (format) {
+    case KEL_FORMAT_AIFF:
+        clip = KEL::ClipAIFF::create_empty(channels, sample_rate, bits_per_sample, &code);
+        break;
+    case KEL_FORMAT_MP3:
+        clip = KEL::ClipMP3::create_empty(channels, sample_rate, bit_rate, flag != 0, &code);
+        break;
+    case KEL_FORMAT_WAVE:
+        clip = KEL::ClipWAVE::create_empty(channels, sample_rate, bits_per_sample, &code);
+        break;
+    case KEL_FORMAT_CAF:
+        clip = KEL::ClipCAFF::create_empty(channels, sample_rate, bits_per_sample, &code);
+        break;
     default:
         // Unknown format codes, and formats not built into this library.
-        *e.get() = fourcc("Eclt");
-        return nullptr;
+        code = fourcc("Eclt");
+        break;
     }
+    if (clip == nullptr && err != nullptr)
+        *err = code != 0 ? code : fourcc("EUnk");
+    return clip;
 }
 
 kel_clip_t* kel_clip_create_from_buffer(float** buffers, float sample_rate, int frames, int* err,
@@ -145,11 +160,7 @@ kel_clip_t* kel_clip_create_from_buffer(float** buffers, float sample_rate, int 
 {
     ErrorWord e(err);
     ProgressRecord p(progress);
-    (void)buffers;
-    (void)sample_rate;
-    (void)frames;
-    *e.cleared() = fourcc("Enot");
-    return nullptr;
+    return KEL::ClipCAFF::create_from_buffer(buffers, sample_rate, frames, e.cleared(), p.get());
 }
 
 int kel_clip_packet_count(kel_clip_t* clip)

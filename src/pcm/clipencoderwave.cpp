@@ -3,7 +3,6 @@
 #include "pcm/packetwave.h"
 #include "pcm/pcmcodec.h"
 
-#include <climits>
 #include <cstdlib>
 
 namespace KEL {
@@ -13,17 +12,7 @@ ClipEncoderWAVE::ClipEncoderWAVE(float encoderParam, int channels, float sampleR
     : ClipEncoder(encoderParam), channels(channels), sampleRate(sampleRate), bits(bits),
       packetFrames(packetFrames), bitRate(bitRate)
 {
-    if (packetFrames <= 0 || channels <= 0)
-        return;
-    const long long bytes = static_cast<long long>(packetFrames) * channels * 4;
-    if (bytes > INT_MAX)
-        return;
-    frames_[0] = static_cast<float*>(std::calloc(static_cast<size_t>(packetFrames), sizeof(float)));
-    frames_[1] = static_cast<float*>(std::calloc(static_cast<size_t>(packetFrames), sizeof(float)));
-    // Zeroed: for more than two channels the kernels write only two
-    // channels' worth of samples, and the rest must not be stale memory.
-    if (frames_[0] != nullptr && frames_[1] != nullptr)
-        buffer = static_cast<unsigned char*>(std::calloc(static_cast<size_t>(bytes), 1));
+    buffer = pcm_encoder_buffers(packetFrames, channels, frames_);
 }
 
 ClipEncoderWAVE::~ClipEncoderWAVE()

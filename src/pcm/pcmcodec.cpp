@@ -167,6 +167,20 @@ int pcm_write_frames(float** src, unsigned char* dst, int frames, const PcmLayou
     return bytes;
 }
 
+unsigned char* pcm_encoder_buffers(int packet_frames, int channels, float** frames)
+{
+    if (packet_frames <= 0 || channels <= 0)
+        return nullptr;
+    const long long bytes = static_cast<long long>(packet_frames) * channels * 4;
+    if (bytes > INT_MAX)
+        return nullptr;
+    frames[0] = static_cast<float*>(std::calloc(static_cast<size_t>(packet_frames), sizeof(float)));
+    frames[1] = static_cast<float*>(std::calloc(static_cast<size_t>(packet_frames), sizeof(float)));
+    if (frames[0] == nullptr || frames[1] == nullptr)
+        return nullptr;
+    return static_cast<unsigned char*>(std::calloc(static_cast<size_t>(bytes), 1));
+}
+
 const void* pcm_encode_packet(ClipEncoder& encoder, float** scratch, unsigned char* buffer,
                               int packet_frames, float sample_rate, const PcmLayout& layout,
                               int* byte_count, bool flush, int* err)

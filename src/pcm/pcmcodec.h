@@ -60,6 +60,14 @@ KEL_API int pcm_decode_packet(Packet& packet, const PcmLayout& layout, int disk_
 // encoders report, or 0 for an unsupported width.
 KEL_API int pcm_write_frames(float** src, unsigned char* dst, int frames, const PcmLayout& layout);
 
+// The scratch a PCM encoder of packet_frames frames keeps: frames[0] and
+// frames[1] get zeroed arrays of packet_frames floats, and the result is a
+// zeroed buffer of packet_frames * channels * 4 bytes (enough for either
+// width; zeroed because for more than two channels the kernels write only
+// two channels' worth). Null when the sizes are unusable or memory is
+// short; whatever was allocated is the caller's to free in every case.
+KEL_API unsigned char* pcm_encoder_buffers(int packet_frames, int channels, float** frames);
+
 // The body of a PCM encoder's packet_encode: asks the encoder base for
 // packet_frames frames at sample_rate into scratch[0] and scratch[1], then
 // converts them into buffer (which stays the encoder's). Returns buffer with

@@ -40,6 +40,11 @@ PcmSaver::~PcmSaver()
     std::free(buffer_);
 }
 
+void PcmSaver::set_packet_filter(PacketFilter filter)
+{
+    filter_ = std::move(filter);
+}
+
 int PcmSaver::fail(int code)
 {
     if (file_ != nullptr) {
@@ -102,6 +107,8 @@ int PcmSaver::write_packets(const Clip& clip, _kel_progress_ext_t* progress, boo
             std::memset(bytes, 0, static_cast<size_t>(size));
             gap = true;
         }
+        if (filter_ && size > 0)
+            filter_(bytes, size);
         if (size > 0 && std::fwrite(bytes, 1, static_cast<size_t>(size), file_) != static_cast<size_t>(size))
             return fourcc("EIO ");
         frames += packet->disk_frame_count();

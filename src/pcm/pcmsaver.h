@@ -27,6 +27,10 @@ public:
     // caller's block after the audio.
     using HeaderWriter = std::function<void(FILE* f, long long frames, int extra_length)>;
 
+    // Rewrites a packet's bytes in place between reading and writing, for a
+    // format whose packets hand out another byte order than its files hold.
+    using PacketFilter = std::function<void(unsigned char* bytes, int count)>;
+
     PcmSaver(int header_bytes, HeaderWriter write_header);
     ~PcmSaver();
     PcmSaver(const PcmSaver&) = delete;
@@ -44,6 +48,10 @@ public:
     int save(const Clip& clip, const char* path, const void* extra, int extra_length,
              _kel_progress_ext_t* progress);
 
+    // Runs filter over every packet's bytes before they are written; none
+    // by default.
+    void set_packet_filter(PacketFilter filter);
+
 private:
     // Removes and closes the file being written and passes code on.
     int fail(int code);
@@ -55,6 +63,7 @@ private:
 
     int header_bytes_;
     HeaderWriter write_header_;
+    PacketFilter filter_;
     FILE* file_ = nullptr;
     const char* path_ = nullptr;
     unsigned char* buffer_ = nullptr;

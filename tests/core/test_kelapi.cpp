@@ -164,3 +164,15 @@ TEST(EntryPoints, OverviewLifecycle)
     kel_clip_overview_destroy(overview);
     kel_clip_close(clip, nullptr);
 }
+
+TEST(EntryPoints, CreateWritesErrorWordOnlyOnFailure)
+{
+    int err = 4242;
+    kel_clip_t* clip = kel_clip_create(KEL_FORMAT_WAVE, 2, 44100.0f, 16, 0, 0, &err);
+    ASSERT_NE(clip, nullptr);
+    EXPECT_EQ(err, 4242);
+    EXPECT_EQ(kel_clip_packet_count(clip), 0);
+    kel_clip_close(clip, nullptr);
+    EXPECT_EQ(kel_clip_create(KEL_FORMAT_WAVE, 3, 44100.0f, 16, 0, 0, &err), nullptr);
+    EXPECT_EQ(err, KEL_ERR_PARAMETER);
+}

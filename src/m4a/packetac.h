@@ -1,0 +1,52 @@
+// The packet base of the formats decoded by codec components (MP3, AAC,
+// Apple Lossless): one compressed frame, pushed through a codec instance
+// on decode.
+//
+// The base's format_value holds the packet's channel count. The codec
+// formats change gain in the compressed data (MP3 and AAC move their
+// global gain fields, Apple Lossless re-encodes), so can_change_gain_inline
+// is true and the decoded samples are not scaled again.
+#ifndef KEL_M4A_PACKETAC_H
+#define KEL_M4A_PACKETAC_H
+
+#include "core/packet.h"
+
+namespace KEL {
+
+class ComponentInstanceRecord;
+
+class KEL_API PacketAC : public Packet {
+public:
+    // Largest frame count and channel count a packet is decoded with; the
+    // scratch buffers of decode are sized from them.
+    static constexpr int kMaxFrames = 1 << 16;
+    static constexpr int kMaxChannels = 8;
+
+    // Everything goes to Packet; format_value is the channel count.
+    PacketAC(int bit_rate, float sample_rate, int channels, int frame_count, BSHandle* handle);
+    ~PacketAC() override;
+
+    virtual bool can_change_gain_inline();
+
+    // Pushes the packet's bytes (read with get_bytes(buffer, gain)) through
+    // the codec and delivers its output in out[0] (left) and out[1]
+    // (right), frame_count floats each; out null, or either channel null,
+    // decodes without delivering. bits 0 means 32-bit float output from the
+    // codec, 16 or 24 integer output of that width. Returns the frames
+    // produced; 0 with needs_more_input true when the codec wants more
+    // input first. A short output is delivered as frame_count frames of
+    // silence.
+    int decode(float** out, ComponentInstanceRecord* codec, bool& needs_more_input, int* error, float gain,
+               int bits);
+    // Big-endian signed integers of frames frames, channel count from the
+    // packet, into the two outputs. Mono: decode16 fills both outputs,
+    // decode24 only the left one.
+    void decode16(float** out, unsigned char* data, int frames);
+    void decode24(float** out, unsigned char* data, int frames);
+
+    int channels() const { return format_value; }
+};
+
+} // namespace KEL
+
+#endif

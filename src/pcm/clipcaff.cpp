@@ -1,0 +1,557 @@
+#include "pcm/clipcaff.h"
+
+#include "core/fourcc.h"
+#include "core/packet.h"
+#include "pcm/clipdecodercaff.h"
+#include "pcm/clipencodercaff.h"
+#include "pcm/ieeeextended.h"
+#include "pcm/kernels.h"
+#include "pcm/overviewcaff.h"
+#include "pcm/packetcaff.h"
+#include "pcm/pcmbytes.h"
+#include "pcm/pcmcodec.h"
+#include "pcm/pcmloader.h"
+#include "pcm/pcmsaver.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace KEL {
+
+using namespace pcmbytes;
+
+namespace {
+
+// Bytes of the header this engine writes: file header (8), "desc" chunk
+// header and body (12 + 32), "data" chunk header and edit count (12 + 4).
+constexpr int kHeaderBytes = 68;
+
+// Chunk headers: 4-byte type, 64-bit signed size.
+constexpr long long kChunkHeaderBytes = 12;
+
+// The fields of a "desc" chunk, in file order (32 bytes).
+constexpr long long kDescBytes = 32;
+
+// The "data" chunk starts with a 4-byte edit count before the samples.
+constexpr long long kEditCountBytes = 4;
+
+// Format flags of "desc": bit 0 floating point, bit 1 little-endian.
+constexpr uint32_t kFlagFloat = 1u;
+constexpr uint32_t kFlagLittleEndian = 2u;
+
+// The only sample width CAF clips hold.
+constexpr int kBits = 16;
+
+// What the 32 bytes of a "desc" chunk say, checked in the order that
+// decides the code:
+//   0  8  sample rate (double)     20  4  frames per packet (skipped)
+//   8  4  format id, "lpcm"        24  4  channels per frame
+//  12  4  format flags             28  4  bits per channel
+//  16  4  bytes per packet (skipped)
+int check_desc(const unsigned char* fields, int* channels, int* bits, float* sampleRate, bool* littleEndian)
+{
+    const double rate = ConvertFromIeeeDouble(fields);
+    const uint32_t flags = get_be32(fields + 12);
+    const uint32_t chans = get_be32(fields + 24);
+    const uint32_t width = get_be32(fields + 28);
+    if (!is_tag(fields + 8, "lpcm") || (flags & kFlagFloat) != 0 || width != kBits)
+        return fourcc("Efms");
+    // The clip keeps its rate as a float: a rate that is not a positive,
+    // finite float is as unusable as one not above zero.
+    const float rate_kept = static_cast<float>(rate);
+    if (chans == 0 || chans > INT_MAX || !(rate > 0.0) || !(rate_kept > 0.0f) || std::isinf(rate_kept))
+        return fourcc("Ecaf");
+    if (channels != nullptr)
+        *channels = static_cast<int>(chans);
+    if (bits != nullptr)
+        *bits = static_cast<int>(width);
+    if (sampleRate != nullptr)
+        *sampleRate = rate_kept;
+    if (littleEndian != nullptr)
+        *littleEndian = (flags & kFlagLittleEndian) != 0;
+    return 0;
+}
+
+// Moves to the end of a chunk whose body starts at body; a chunk that claims
+// more than the file holds ends at the end of the file (where the next turn
+// of the walk stops with "Ecaf").
+bool skip_to(FILE* f, long long body, long long size, long long length)
+{
+    const long long end = size > length - body ? length : body + size;
+    return fseeko(f, end, SEEK_SET) == 0;
+}
+
+// A new empty file in the temporary folder ($TMPDIR, /tmp when unset),
+// open for update; its name goes to path.
+FILE* create_scratch_file(std::string& path)
+{
+    const char* dir = std::getenv("TMPDIR");
+    std::string pattern = dir != nullptr && *dir != '\0' ? dir : "/tmp";
+    pattern += "/kel-caf-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    const int fd = mkstemp(name.data());
+    if (fd < 0)
+        return nullptr;
+    FILE* f = fdopen(fd, "w+");
+    if (f == nullptr) {
+        ::close(fd);
+        unlink(name.data());
+        return nullptr;
+    }
+    path = name.data();
+    return f;
+}
+
+// Writes a whole 16-bit big-endian CAF into a fresh scratch file: a zeroed
+// place holder, the samples, then the real header. The file is closed in
+// every case and removed when writing failed.
+int write_scratch_file(FILE* f, const std::string& path, const unsigned char* samples, long long bytes,
+                       float sampleRate, int channels)
+{
+    static const unsigned char kPlaceHolder[kHeaderBytes] = {};
+    bool written = std::fwrite(kPlaceHolder, 1, sizeof kPlaceHolder, f) == sizeof kPlaceHolder &&
+                   std::fwrite(samples, 1, static_cast<size_t>(bytes), f) == static_cast<size_t>(bytes);
+    if (written) {
+        write_caff_header(f, sampleRate, channels, kBits, bytes, false);
+        written = std::fflush(f) == 0 && !std::ferror(f);
+    }
+    written = std::fclose(f) == 0 && written;
+    if (!written) {
+        unlink(path.c_str());
+        return fourcc("EIO ");
+    }
+    return 0;
+}
+
+} // namespace
+
+ClipCAFF::ClipCAFF(int channels, float sampleRate, int bits, int packetFrames, BSFile* file)
+    : Clip(channels, sampleRate, bits, file), packetFrames(packetFrames)
+{
+}
+
+ClipCAFF::~ClipCAFF() = default;
+
+int ClipCAFF::detect(const char* path)
+{
+    FILE* f = std::fopen(path, "r");
+    if (f == nullptr)
+        return fourcc("Efor");
+    unsigned char head[8];
+    const size_t got = std::fread(head, 1, sizeof head, f);
+    std::fclose(f);
+    if (got < sizeof head || !is_tag(head, "caff"))
+        return fourcc("Efmu");
+    return 0;
+}
+
+int ClipCAFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* littleEndian,
+                   long long* dataLength, long long* dataOffset)
+{
+    if (fseeko(f, 0, SEEK_END) != 0)
+        return fourcc("EIO ");
+    const long long length = ftello(f);
+    if (length < 0)
+        return fourcc("EIO ");
+    if (fseeko(f, 0, SEEK_SET) != 0)
+        return fourcc("EIO ");
+
+    // File header: "caff", version 1, flags (ignored).
+    unsigned char head[8];
+    if (std::fread(head, 1, sizeof head, f) != sizeof head || !is_tag(head, "caff") || get_be16(head + 4) != 1)
+        return fourcc("Efmu");
+
+    bool desc_seen = false;
+    bool data_seen = false;
+    for (;;) {
+        const long long position = ftello(f);
+        if (position < 0)
+            return fourcc("EIO ");
+        if (position + kChunkHeaderBytes >= length)
+            return fourcc("Ecaf");
+        unsigned char chunk[kChunkHeaderBytes];
+        if (std::fread(chunk, 1, sizeof chunk, f) != sizeof chunk)
+            break;
+        const long long size = static_cast<long long>(get_be64(chunk + 4));
+        const long long body = position + kChunkHeaderBytes;
+        const bool is_data = is_tag(chunk, "data");
+        if (size < 0 && !is_data)
+            return fourcc("Ecaf");
+
+        if (is_tag(chunk, "desc")) {
+            if (desc_seen)
+                return fourcc("Ecaf");
+            unsigned char fields[kDescBytes];
+            if (std::fread(fields, 1, sizeof fields, f) != sizeof fields)
+                break;
+            if (const int code = check_desc(fields, channels, bits, sampleRate, littleEndian))
+                return code;
+            desc_seen = true;
+            if (size > kDescBytes && !skip_to(f, body, size, length))
+                break;
+        } else if (is_data) {
+            if (data_seen)
+                return fourcc("Ecaf");
+            unsigned char edits[kEditCountBytes];
+            if (std::fread(edits, 1, sizeof edits, f) != sizeof edits)
+                break;
+            const long long offset = body + kEditCountBytes;
+            long long bytes = 0;
+            if (size >= kEditCountBytes) {
+                bytes = size - kEditCountBytes;
+            } else if (size == -1 && desc_seen) {
+                // Length unknown (a writer that could not seek back): the
+                // samples run to the end of the file.
+                bytes = length - offset;
+            } else {
+                // 0, too small for its own edit count, another negative
+                // size, or -1 with no format known yet.
+                return fourcc("Ecaf");
+            }
+            if (bytes > length - offset)
+                return fourcc("Ecaf");
+            if (dataOffset != nullptr)
+                *dataOffset = offset;
+            if (dataLength != nullptr)
+                *dataLength = bytes;
+            data_seen = true;
+            if (fseeko(f, offset + bytes, SEEK_SET) != 0)
+                break;
+        } else {
+            // Any other chunk goes by its size; CAF chunks carry no pad bytes.
+            if (!skip_to(f, body, size, length))
+                break;
+        }
+
+        if (desc_seen && data_seen)
+            return 0;
+    }
+    return std::feof(f) ? fourcc("Eeof") : fourcc("EIO ");
+}
+
+int ClipCAFF::get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t*)
+{
+    FILE* f = std::fopen(path, "r");
+    if (f == nullptr)
+        return fourcc("Efor");
+    int channels = 0;
+    int bits = 0;
+    float rate = 0.0f;
+    bool little = false;
+    long long length = 0;
+    long long offset = 0;
+    const int code = scan(f, &channels, &bits, &rate, &little, &length, &offset);
+    std::fclose(f);
+    if (code != 0)
+        return code;
+    if (info == nullptr)
+        return 0;
+
+    const long long frame_bytes = static_cast<long long>(bits / 8) * channels;
+    const long long frames = length / frame_bytes;
+    const float duration = static_cast<float>(frames) / rate;
+    info->format = KEL_FORMAT_CAF;
+    info->channels = channels;
+    info->sample_rate = rate;
+    info->bits_per_sample = bits;
+    info->duration = duration;
+    info->bit_rate = duration > 0.0f
+                         ? pcm_truncate_to_int(static_cast<double>(length) * 8.0 / static_cast<double>(duration))
+                         : 0;
+    info->rate_mode = 0;
+    info->mpeg_version = 0;
+    info->stereo_mode = 0;
+    return 0;
+}
+
+ClipCAFF* ClipCAFF::open(const char* path, int* err, _kel_progress_ext_t* progress)
+{
+    *err = 0;
+    FILE* f = std::fopen(path, "r");
+    if (f == nullptr) {
+        *err = fourcc("Efor");
+        return nullptr;
+    }
+    int channels = 0;
+    int bits = 0;
+    float rate = 0.0f;
+    bool little = false;
+    long long length = 0;
+    long long offset = 0;
+    *err = scan(f, &channels, &bits, &rate, &little, &length, &offset);
+    std::fclose(f);
+    if (*err != 0)
+        return nullptr;
+
+    auto* clip = new ClipCAFF(channels, rate, bits, kel_get_raw_packet_size(), nullptr);
+    *err = clip->load(path, progress, channels, bits, rate, little, length, offset);
+    if (*err != 0) {
+        clip->close(nullptr);
+        delete clip;
+        return nullptr;
+    }
+    return clip;
+}
+
+int ClipCAFF::load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,
+                   bool littleEndian, long long dataLength, long long dataOffset)
+{
+    packetFrames = pcm_packet_frames_setting();
+    return cut_packets(path, progress, channels, bits, sampleRate, littleEndian, dataLength, dataOffset);
+}
+
+int ClipCAFF::cut_packets(const char* path, _kel_progress_ext_t* progress, int channels, int bits,
+                          float sampleRate, bool littleEndian, long long dataLength, long long dataOffset)
+{
+    const int frame_bytes = PcmLayout{bits, channels, PcmByteOrder::big}.frame_bytes();
+    if (frame_bytes == 0 || dataLength < 0)
+        return fourcc("Ecaf");
+    const PcmData data{dataLength / frame_bytes, dataOffset, frame_bytes, sampleRate};
+    return pcm_load_packets(*this, path, progress, data, packetFrames, fourcc("Ecaf"),
+                            [=](int bitRate, int frames, int diskFrames, BSHandle* handle) -> Packet* {
+                                return new PacketCAFF(bits, bitRate, sampleRate, channels, littleEndian, frames,
+                                                      diskFrames, handle);
+                            });
+}
+
+ClipCAFF* ClipCAFF::create_empty(int channels, float sampleRate, int bits, int* err)
+{
+    if ((channels != 1 && channels != 2) || sampleRate < 0.0f || bits != kBits) {
+        *err = fourcc("Eprm");
+        return nullptr;
+    }
+    *err = 0;
+    return new ClipCAFF(channels, sampleRate, bits, 1024, nullptr);
+}
+
+ClipCAFF* ClipCAFF::create_from_buffer(float** buffers, float sampleRate, int frames, int* err,
+                                       _kel_progress_ext_t* progress)
+{
+    *err = 0;
+    if (buffers == nullptr || buffers[0] == nullptr || buffers[1] == nullptr || frames < 1) {
+        *err = fourcc("Eprm");
+        return nullptr;
+    }
+    // Interleaved 16-bit stereo, big-endian as the header declares.
+    const long long bytes = static_cast<long long>(frames) * 4;
+    auto* samples = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(bytes)));
+    if (samples == nullptr) {
+        *err = fourcc("EUnk");
+        return nullptr;
+    }
+    // In blocks, so that no byte count handed to the kernels exceeds an int.
+    constexpr int kBlockFrames = 1 << 20;
+    const PcmLayout layout{kBits, 2, PcmByteOrder::big};
+    for (long long done = 0; done < frames; done += kBlockFrames) {
+        const int n = static_cast<int>(std::min<long long>(kBlockFrames, frames - done));
+        float* block[2] = {buffers[0] + done, buffers[1] + done};
+        pcm_write_frames(block, samples + done * 4, n, layout);
+    }
+
+    std::string path;
+    FILE* f = create_scratch_file(path);
+    if (f == nullptr) {
+        std::free(samples);
+        *err = fourcc("Efow");
+        return nullptr;
+    }
+    *err = write_scratch_file(f, path, samples, bytes, sampleRate, 2);
+    std::free(samples);
+    if (*err != 0)
+        return nullptr;
+
+    ClipCAFF* clip = open(path.c_str(), err, progress);
+    // The store holds the file open: its name is no longer needed.
+    unlink(path.c_str());
+    return clip;
+}
+
+ClipCAFF* ClipCAFF::create_silent(float sampleRate, int count, int frames, int* err)
+{
+    *err = 0;
+    if (count < 1) {
+        *err = fourcc("EPnm");
+        return nullptr;
+    }
+    // One packet holds all the frames, and a packet's bytes are an int.
+    if (frames < 1 || frames > INT_MAX / 2) {
+        *err = fourcc("Eprm");
+        return nullptr;
+    }
+    const long long bytes = static_cast<long long>(frames) * 2;
+    auto* zeros = static_cast<unsigned char*>(std::calloc(static_cast<size_t>(bytes), 1));
+    if (zeros == nullptr) {
+        *err = fourcc("EUnk");
+        return nullptr;
+    }
+    std::string path;
+    FILE* out = create_scratch_file(path);
+    if (out == nullptr) {
+        std::free(zeros);
+        *err = fourcc("Efow");
+        return nullptr;
+    }
+    *err = write_scratch_file(out, path, zeros, bytes, sampleRate, 1);
+    std::free(zeros);
+    if (*err != 0)
+        return nullptr;
+
+    FILE* in = std::fopen(path.c_str(), "r");
+    if (in == nullptr) {
+        unlink(path.c_str());
+        *err = fourcc("Efor");
+        return nullptr;
+    }
+    int channels = 0;
+    int bits = 0;
+    float rate = 0.0f;
+    bool little = false;
+    long long length = 0;
+    long long offset = 0;
+    *err = scan(in, &channels, &bits, &rate, &little, &length, &offset);
+    std::fclose(in);
+    if (*err != 0) {
+        unlink(path.c_str());
+        return nullptr;
+    }
+    // The silence is cut as one packet of all its frames, whatever the raw
+    // packet size setting says.
+    auto* clip = new ClipCAFF(channels, rate, bits, frames, nullptr);
+    *err = clip->cut_packets(path.c_str(), nullptr, channels, bits, rate, little, length, offset);
+    unlink(path.c_str());
+    Packet* silence = clip->get_packet(0);
+    if (*err != 0 || silence == nullptr) {
+        if (*err == 0)
+            *err = fourcc("Empt");
+        clip->close(nullptr);
+        delete clip;
+        return nullptr;
+    }
+    for (int i = 1; i < count; ++i)
+        clip->add_packet(silence);
+    clip->update_stream_info();
+    return clip;
+}
+
+Clip* ClipCAFF::NewClip(BSFile* file)
+{
+    _kel_clip_info_t info{};
+    get_info(&info);
+    return new ClipCAFF(info.channels, info.sample_rate, info.bits_per_sample, packetFrames, file);
+}
+
+void ClipCAFF::get_info(_kel_clip_info_t* info)
+{
+    info->format = KEL_FORMAT_CAF;
+    info->channels = channels;
+    info->sample_rate = sample_rate;
+    info->bits_per_sample = bits_per_sample;
+    info->bit_rate = bit_rate;
+    info->duration = duration;
+    info->rate_mode = 0;
+    info->mpeg_version = 0;
+    info->stereo_mode = 0;
+}
+
+bool ClipCAFF::will_accept(Clip* other, int* err)
+{
+    int code = 0;
+    auto* caff = dynamic_cast<ClipCAFF*>(other);
+    if (caff == nullptr) {
+        code = fourcc("Eclt");
+    } else {
+        _kel_clip_info_t mine{};
+        _kel_clip_info_t theirs{};
+        get_info(&mine);
+        caff->get_info(&theirs);
+        if (mine.channels != theirs.channels || mine.sample_rate != theirs.sample_rate ||
+            mine.bits_per_sample != theirs.bits_per_sample || packetFrames != caff->packetFrames)
+            code = fourcc("Ecld");
+    }
+    if (err != nullptr)
+        *err = code;
+    return code == 0;
+}
+
+Overview* ClipCAFF::create_overview(_kel_overview_progress_t* progress)
+{
+    return new OverviewCAFF(this, progress);
+}
+
+ClipDecoder* ClipCAFF::create_decoder()
+{
+    return new ClipDecoderCAFF(this);
+}
+
+ClipEncoder* ClipCAFF::create_encoder(float encoderParam)
+{
+    const int frames = packet_count > 0 ? packets[0]->frame_count : pcm_packet_frames_setting();
+    // Frames times channels times rate times eight, as for WAVE.
+    const float samples = static_cast<float>(static_cast<long long>(frames) * channels);
+    const int rate = pcm_truncate_to_int(static_cast<double>(samples * sample_rate) * 8.0);
+    return new ClipEncoderCAFF(encoderParam, channels, sample_rate, kBits, frames, rate);
+}
+
+int ClipCAFF::packet_decode_play(int index, float** out, int* err, float gain)
+{
+    if (index < 0 || index >= packet_count) {
+        *err = fourcc("EPnm");
+        return 0;
+    }
+    auto* packet = dynamic_cast<PacketCAFF*>(packets[index]);
+    if (packet == nullptr) {
+        *err = fourcc("EILC");
+        return 0;
+    }
+    return packet->decode(out, err, gain);
+}
+
+int ClipCAFF::save_to(const char* path, const void* extra, int extraLength, const void*, int, int* err,
+                      _kel_progress_ext_t* progress)
+{
+    PcmSaver saver(kHeaderBytes, [this](FILE* f, long long frames, int) {
+        write_caff_header(f, sample_rate, channels, kBits, frames * channels * (kBits / 8), false);
+    });
+    // Packets hand out little-endian words; the file holds big-endian ones.
+    saver.set_packet_filter([](unsigned char* bytes, int count) { swap_bytes16(bytes, count); });
+    const int code = saver.save(*this, path, extra, extraLength, progress);
+    if (err != nullptr)
+        *err = code;
+    return code;
+}
+
+void write_caff_header(FILE* f, float sampleRate, int channels, int bits, long long dataBytes, bool littleEndian)
+{
+    if (fseeko(f, 0, SEEK_SET) != 0)
+        return;
+    const uint32_t chans = static_cast<uint32_t>(channels);
+    const uint32_t width = static_cast<uint32_t>(bits);
+
+    unsigned char h[kHeaderBytes];
+    put_tag(h, "caff");
+    put_be16(h + 4, 1); // file version
+    put_be16(h + 6, 0); // file flags
+    put_tag(h + 8, "desc");
+    put_be64(h + 12, static_cast<uint64_t>(kDescBytes));
+    ConvertToIeeeDouble(static_cast<double>(sampleRate), h + 20);
+    put_tag(h + 28, "lpcm");
+    put_be32(h + 32, littleEndian ? kFlagLittleEndian : 0u);
+    put_be32(h + 36, chans * width / 8); // bytes per packet
+    put_be32(h + 40, 1);                 // frames per packet
+    put_be32(h + 44, chans);
+    put_be32(h + 48, width);
+    put_tag(h + 52, "data");
+    put_be64(h + 56, static_cast<uint64_t>(dataBytes == -1 ? -1 : dataBytes + kEditCountBytes));
+    put_be32(h + 64, 0); // edit count
+    std::fwrite(h, 1, sizeof h, f);
+}
+
+} // namespace KEL

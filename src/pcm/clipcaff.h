@@ -1,0 +1,91 @@
+// CAF clips: Core Audio Format files of 16-bit integer PCM, big- or
+// little-endian, opened as a clip of fixed-size packets (the raw packet size
+// setting, 1024 frames unless set) and written back as 16-bit big-endian
+// files behind a 68-byte header.
+//
+// CAF is also the engine's scratch format: clips made from float buffers
+// and silent clips are written as temporary CAF files (made with mkstemp in
+// $TMPDIR, /tmp when unset) and opened from there. The temporary file is
+// unlinked as soon as the clip's backing store holds it open, so it
+// disappears with the last clip that uses its bytes.
+#ifndef KEL_PCM_CLIPCAFF_H
+#define KEL_PCM_CLIPCAFF_H
+
+#include "core/clip.h"
+
+#include <cstdio>
+
+namespace KEL {
+
+class KEL_API ClipCAFF : public Clip {
+public:
+    ClipCAFF(int channels, float sampleRate, int bits, int packetFrames, BSFile* file);
+    ~ClipCAFF() override;
+
+    // Writes the packets (gains and envelopes applied) as 16-bit big-endian
+    // samples behind the 68-byte header, extra after the audio;
+    // secondBlock is not used by CAF.
+    int save_to(const char* path, const void* extra, int extraLength, const void* secondBlock,
+                int secondLength, int* err, _kel_progress_ext_t* progress) override;
+    void get_info(_kel_clip_info_t* info) override;
+    Overview* create_overview(_kel_overview_progress_t* progress) override;
+    ClipDecoder* create_decoder() override;
+    ClipEncoder* create_encoder(float encoderParam) override;
+    int packet_decode_play(int index, float** out, int* err, float gain) override;
+    // Only another CAF clip of the same channels, rate, width and packet
+    // length: "Eclt" for another format, "Ecld" for other parameters.
+    bool will_accept(Clip* other, int* err) override;
+    Clip* NewClip(BSFile* file) override;
+
+    // The silent clip of the base (any format) stays reachable next to the
+    // static CAF silence below.
+    using Clip::create_silent;
+
+    // 0 when path starts as a CAF file; "Efmu" when not, "Efor" when it
+    // cannot be read.
+    static int detect(const char* path);
+    static ClipCAFF* open(const char* path, int* err, _kel_progress_ext_t* progress);
+    // Fills info from the headers alone; progress is not used.
+    static int get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t* progress);
+    // An empty clip of 1 or 2 channels and 16 bits ("Eprm" otherwise) with
+    // packets of 1024 frames and no store.
+    static ClipCAFF* create_empty(int channels, float sampleRate, int bits, int* err);
+    // Walks the 64-bit chunks of an open file for "desc" and "data"; every
+    // out-pointer may be null. Returns 0 or an error code.
+    static int scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* littleEndian,
+                    long long* dataLength, long long* dataOffset);
+    // Cuts the data into packets of the raw packet size on a new backing
+    // store of path.
+    int load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,
+             bool littleEndian, long long dataLength, long long dataOffset);
+
+    // A stereo clip of the frames of buffers[0] and buffers[1], written as
+    // a temporary 16-bit big-endian file and opened from it. "Eprm" for
+    // missing buffers or no frames, "EUnk" when memory runs out, "Efow" or
+    // "EIO " when the temporary file cannot be written, else open's codes.
+    static ClipCAFF* create_from_buffer(float** buffers, float sampleRate, int frames, int* err,
+                                        _kel_progress_ext_t* progress);
+    // A mono 16-bit clip of count packets that are all the same packet of
+    // frames silent frames. "EPnm" for count below 1, "Eprm" for a frame
+    // count that no packet can hold.
+    static ClipCAFF* create_silent(float sampleRate, int count, int frames, int* err);
+
+    // Frames per packet, fixed when the clip was made.
+    int packetFrames;
+
+private:
+    // Cuts the data into packets of packetFrames frames.
+    int cut_packets(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,
+                    bool littleEndian, long long dataLength, long long dataOffset);
+};
+
+// Writes the 68-byte header at offset 0 (nothing when the seek fails): the
+// file header, a 32-byte "desc" chunk of integer PCM, and the "data" chunk
+// header with its edit count. dataBytes -1 declares a data chunk that runs
+// to the end of the file.
+KEL_API void write_caff_header(FILE* f, float sampleRate, int channels, int bits, long long dataBytes,
+                               bool littleEndian);
+
+} // namespace KEL
+
+#endif

@@ -1,0 +1,227 @@
+// The big-endian IEEE conversions against the formats' definitions: the
+// 80-bit extended layout built by integer arithmetic, the hardware's own
+// double and single conversions as the reference for rounding, and the
+// special values (zeros, subnormals, infinities, NaNs) case by case.
+#include "pcm/ieeeextended.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <random>
+
+using namespace KEL;
+
+namespace {
+
+using Ext = std::array<unsigned char, 10>;
+
+// An extended number from its fields: sign, 15-bit exponent, 64-bit mantissa.
+Ext ext(bool negative, unsigned exponent, uint64_t mantissa)
+{
+    Ext b{};
+    b[0] = static_cast<unsigned char>((negative ? 0x80 : 0) | ((exponent >> 8) & 0x7F));
+    b[1] = static_cast<unsigned char>(exponent);
+    for (int i = 0; i < 8; ++i)
+        b[2 + i] = static_cast<unsigned char>(mantissa >> (56 - 8 * i));
+    return b;
+}
+
+// A positive integer in the extended format: the highest set bit becomes
+// the explicit integer bit, and the exponent counts the bits below it.
+Ext ext_of_integer(uint64_t n)
+{
+    int top = 63;
+    while ((n >> top) == 0)
+        --top;
+    return ext(false, 16383u + static_cast<unsigned>(top), n << (63 - top));
+}
+
+Ext to_ext(double v)
+{
+    Ext b{};
+    ConvertToIeeeExtended(v, b.data());
+    return b;
+}
+
+double from_ext(const Ext& b)
+{
+    return ConvertFromIeeeExtended(b.data());
+}
+
+uint64_t bits(double v)
+{
+    uint64_t u;
+    std::memcpy(&u, &v, sizeof u);
+    return u;
+}
+
+double from_bits(uint64_t u)
+{
+    double v;
+    std::memcpy(&v, &u, sizeof v);
+    return v;
+}
+
+TEST(IeeeExtended, CommonSampleRatesBothWays)
+{
+    // As the AIFF writers of the peer tools store them.
+    EXPECT_EQ(to_ext(44100.0), (Ext{0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(to_ext(8000.0), (Ext{0x40, 0x0B, 0xFA, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(to_ext(48000.0), (Ext{0x40, 0x0E, 0xBB, 0x80, 0, 0, 0, 0, 0, 0}));
+    // 44100.5: the half lands in the mantissa right after 0xAC44.
+    EXPECT_EQ(to_ext(44100.5), (Ext{0x40, 0x0E, 0xAC, 0x44, 0x80, 0, 0, 0, 0, 0}));
+
+    for (uint64_t rate : {1ULL, 2ULL, 3ULL, 4000ULL, 8000ULL, 11025ULL, 12000ULL, 16000ULL, 22050ULL, 24000ULL,
+                          32000ULL, 44100ULL, 47250ULL, 48000ULL, 88200ULL, 96000ULL, 176400ULL, 192000ULL,
+                          384000ULL, 4294967295ULL}) {
+        SCOPED_TRACE(rate);
+        const Ext want = ext_of_integer(rate);
+        EXPECT_EQ(to_ext(static_cast<double>(rate)), want);
+        EXPECT_EQ(from_ext(want), static_cast<double>(rate));
+        EXPECT_EQ(to_ext(-static_cast<double>(rate))[0], want[0] | 0x80);
+    }
+    EXPECT_EQ(from_ext(ext(true, 16383, 1ULL << 63)), -1.0);
+
+    // An unnormal mantissa (integer bit clear) is taken at face value:
+    // 0x5622 at the scale of 44100 is half of it.
+    EXPECT_EQ(from_ext(ext(false, 0x400E, 0x5622ULL << 48)), 22050.0);
+}
+
+TEST(IeeeExtended, EveryDoubleSurvivesARoundTrip)
+{
+    std::mt19937_64 random(0x4145494646ULL);
+    for (int i = 0; i < 200000; ++i) {
+        const uint64_t pattern = random();
+        const double v = from_bits(pattern);
+        if (std::isnan(v))
+            continue;
+        ASSERT_EQ(bits(from_ext(to_ext(v))), pattern) << std::hex << pattern;
+    }
+    // The edges of the double range, both signs.
+    for (double v : {std::numeric_limits<double>::denorm_min(), std::numeric_limits<double>::min(),
+                     std::numeric_limits<double>::max(), std::nextafter(std::numeric_limits<double>::min(), 0.0),
+                     1.0, 0.1}) {
+        EXPECT_EQ(from_ext(to_ext(v)), v);
+        EXPECT_EQ(from_ext(to_ext(-v)), -v);
+    }
+    // The smallest subnormal double is a normal extended number.
+    EXPECT_EQ(to_ext(std::numeric_limits<double>::denorm_min()), ext(false, 16383 - 1074, 1ULL << 63));
+}
+
+TEST(IeeeExtended, MantissasWiderThanADoubleRoundToNearestEven)
+{
+    // The hardware's conversion of a 64-bit integer rounds to nearest even;
+    // an extended number with the integer's bits must read back the same.
+    std::mt19937_64 random(20240612);
+    for (int i = 0; i < 100000; ++i) {
+        uint64_t n = random() | (1ULL << 63);
+        if (i % 4 == 0) // exact ties: a 1 right below the 53 kept bits
+            n = (n & ~0x7FFULL) | 0x400ULL;
+        const int scale = static_cast<int>(random() % 2000) - 1000;
+        const Ext e = ext(false, static_cast<unsigned>(16383 + 63 + scale), n);
+        ASSERT_EQ(from_ext(e), std::ldexp(static_cast<double>(n), scale)) << std::hex << n << " " << std::dec << scale;
+    }
+}
+
+TEST(IeeeExtended, ZerosSubnormalsAndOverflow)
+{
+    const double tiny = std::numeric_limits<double>::denorm_min(); // 2^-1074
+    EXPECT_EQ(to_ext(0.0), ext(false, 0, 0));
+    EXPECT_EQ(to_ext(-0.0), ext(true, 0, 0));
+    EXPECT_FALSE(std::signbit(from_ext(ext(false, 0, 0))));
+    EXPECT_TRUE(std::signbit(from_ext(ext(true, 0, 0))));
+
+    // Below the double range: exactly half the smallest subnormal ties to
+    // even (zero); anything more rounds up to it; three quarters too.
+    EXPECT_EQ(from_ext(ext(false, 16383 - 1075, 1ULL << 63)), 0.0);
+    EXPECT_EQ(from_ext(ext(false, 16383 - 1075, (1ULL << 63) + 1)), tiny);
+    EXPECT_EQ(from_ext(ext(false, 16383 - 1075, 3ULL << 62)), tiny);
+    // One and a half subnormal steps tie to the even two.
+    EXPECT_EQ(from_ext(ext(false, 16383 - 1074, 3ULL << 62)), 2 * tiny);
+    EXPECT_EQ(from_ext(ext(false, 16383 - 1200, ~0ULL)), 0.0);
+    // Extended denormals are far below any double.
+    EXPECT_EQ(from_ext(ext(false, 0, 1)), 0.0);
+    EXPECT_TRUE(std::signbit(from_ext(ext(true, 0, ~0ULL))));
+    // All ones just under 2^-1022 round up into the smallest normal.
+    EXPECT_EQ(from_ext(ext(false, 16383 - 1023, ~0ULL)), std::numeric_limits<double>::min());
+
+    // Above it: half an ulp over the largest double ties away from its odd
+    // mantissa, to infinity; a hair less stays.
+    const double largest = std::numeric_limits<double>::max();
+    EXPECT_EQ(from_ext(ext(false, 16383 + 1023, 0xFFFFFFFFFFFFF800ULL)), largest);
+    EXPECT_EQ(from_ext(ext(false, 16383 + 1023, 0xFFFFFFFFFFFFFC00ULL)), HUGE_VAL);
+    EXPECT_EQ(from_ext(ext(false, 16383 + 1023, 0xFFFFFFFFFFFFFBFFULL)), largest);
+    EXPECT_EQ(from_ext(ext(true, 16383 + 1024, 1ULL << 63)), -HUGE_VAL);
+    EXPECT_EQ(from_ext(ext(false, 0x7FFE, 1ULL << 63)), HUGE_VAL);
+}
+
+TEST(IeeeExtended, InfinitiesAndNaNs)
+{
+    // Infinity: the all-ones exponent, integer bit set, fraction zero.
+    EXPECT_EQ(to_ext(HUGE_VAL), ext(false, 0x7FFF, 1ULL << 63));
+    EXPECT_EQ(to_ext(-HUGE_VAL), ext(true, 0x7FFF, 1ULL << 63));
+    EXPECT_EQ(from_ext(ext(false, 0x7FFF, 1ULL << 63)), HUGE_VAL);
+    EXPECT_EQ(from_ext(ext(true, 0x7FFF, 1ULL << 63)), -HUGE_VAL);
+    // Without the integer bit (as some writers store infinity) as well.
+    EXPECT_EQ(from_ext(ext(false, 0x7FFF, 0)), HUGE_VAL);
+
+    // NaN: the all-ones exponent and a fraction that is not zero.
+    for (double nan : {std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::quiet_NaN()}) {
+        const Ext e = to_ext(nan);
+        EXPECT_EQ((e[0] & 0x7F) << 8 | e[1], 0x7FFF);
+        uint64_t fraction = 0;
+        for (int i = 2; i < 10; ++i)
+            fraction = fraction << 8 | e[static_cast<size_t>(i)];
+        EXPECT_NE(fraction << 1, 0u);
+        EXPECT_TRUE(std::isnan(from_ext(e)));
+    }
+    EXPECT_TRUE(std::isnan(from_ext(ext(false, 0x7FFF, 0xC000000000000000ULL))));
+    EXPECT_TRUE(std::isnan(from_ext(ext(false, 0x7FFF, 1))));
+    EXPECT_TRUE(std::isnan(from_ext(ext(true, 0x7FFF, (1ULL << 63) | 1))));
+}
+
+TEST(IeeeExtended, SingleAndDoubleSiblings)
+{
+    std::array<unsigned char, 4> s{};
+    std::array<unsigned char, 8> d{};
+    ConvertToIeeeSingle(44100.0, s.data());
+    EXPECT_EQ(s, (std::array<unsigned char, 4>{0x47, 0x2C, 0x44, 0x00}));
+    ConvertToIeeeDouble(44100.0, d.data());
+    EXPECT_EQ(d, (std::array<unsigned char, 8>{0x40, 0xE5, 0x88, 0x80, 0, 0, 0, 0}));
+    EXPECT_EQ(ConvertFromIeeeDouble(d.data()), 44100.0);
+
+    // Single precision rounds as the hardware's own conversion does,
+    // subnormal floats included.
+    std::mt19937_64 random(7);
+    std::uniform_real_distribution<double> exponent(-160.0, 127.0);
+    for (int i = 0; i < 100000; ++i) {
+        const double v = std::ldexp(1.0 + static_cast<double>(random() >> 11) * 0x1p-53, static_cast<int>(exponent(random)));
+        const double signed_v = (random() & 1) != 0 ? -v : v;
+        const float want = static_cast<float>(signed_v);
+        uint32_t want_bits;
+        std::memcpy(&want_bits, &want, sizeof want_bits);
+        ConvertToIeeeSingle(signed_v, s.data());
+        const uint32_t got = static_cast<uint32_t>(s[0]) << 24 | static_cast<uint32_t>(s[1]) << 16 |
+                             static_cast<uint32_t>(s[2]) << 8 | s[3];
+        ASSERT_EQ(got, want_bits) << signed_v;
+        ASSERT_EQ(ConvertFromIeeeSingle(s.data()), static_cast<double>(want));
+
+        ConvertToIeeeDouble(signed_v, d.data());
+        ASSERT_EQ(ConvertFromIeeeDouble(d.data()), signed_v);
+    }
+    // Past the single range: infinity, also for the tie above the largest
+    // float (its mantissa is odd).
+    ConvertToIeeeSingle(1e39, s.data());
+    EXPECT_EQ(s, (std::array<unsigned char, 4>{0x7F, 0x80, 0, 0}));
+    ConvertToIeeeSingle(std::ldexp(0x1FFFFFFp0, 103), s.data()); // (2^25 - 1) * 2^103
+    EXPECT_EQ(s, (std::array<unsigned char, 4>{0x7F, 0x80, 0, 0}));
+    ConvertToIeeeSingle(-std::numeric_limits<double>::quiet_NaN(), s.data());
+    EXPECT_EQ(s[0], 0xFF);
+    EXPECT_TRUE(std::isnan(ConvertFromIeeeSingle(s.data())));
+}
+
+} // namespace

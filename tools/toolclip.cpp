@@ -1,0 +1,252 @@
+#include "toolclip.h"
+
+#include "cli_common.h"
+#include "options.h"
+#include "partialfile.h"
+#include "progressbar.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace KEL::cli {
+
+namespace {
+
+bool is_pcm(int format)
+{
+    return format == KEL_FORMAT_WAVE || format == KEL_FORMAT_AIFF || format == KEL_FORMAT_CAF;
+}
+
+// The parameters of the file to write: the settings where given, else the
+// source's, within what the target format can hold.
+struct Target {
+    int format;
+    int channels;
+    float sample_rate;
+    int bits;
+    int bit_rate;
+};
+
+Target choose_target(int format, const _kel_clip_info_t& source, const SaveSettings& s)
+{
+    Target t{format, std::min(source.channels, 2), source.sample_rate, source.bits_per_sample, source.bit_rate};
+    if (s.sample_rate > 0.0f)
+        t.sample_rate = s.sample_rate;
+    if (s.bits != 0)
+        t.bits = s.bits;
+    else if (format == KEL_FORMAT_CAF || (t.bits != 16 && t.bits != 24))
+        t.bits = 16; // CAF holds 16-bit samples only
+    if (s.bit_rate != 0)
+        t.bit_rate = s.bit_rate;
+    else if (is_pcm(source.format) || t.bit_rate <= 0)
+        t.bit_rate = 128000;
+    return t;
+}
+
+bool needs_transcode(const Target& t, const _kel_clip_info_t& source, const SaveSettings& s)
+{
+    if (t.format != source.format || t.sample_rate != source.sample_rate)
+        return true;
+    if (is_pcm(t.format) || t.format == KEL_FORMAT_ALAC)
+        return t.bits != source.bits_per_sample;
+    return s.bit_rate != 0 || s.vbr; // coded formats re-encode only when asked
+}
+
+} // namespace
+
+ToolClip ToolClip::open(const std::string& path)
+{
+    int err = 0;
+    kel_clip_t* clip = nullptr;
+    {
+        ProgressBar bar("open");
+        clip = kel_clip_open(path.c_str(), &err, bar.record());
+    }
+    ToolClip owned(clip, path);
+    check_interrupt();
+    if (clip == nullptr)
+        fail_library(err != 0 ? err : KEL_ERR_UNKNOWN, path);
+    if (err != 0)
+        warn_library(err, path);
+    return owned;
+}
+
+ToolClip::ToolClip(kel_clip_t* clip, std::string name) : clip_(clip), name_(std::move(name)) {}
+
+ToolClip::~ToolClip()
+{
+    close();
+}
+
+ToolClip::ToolClip(ToolClip&& other) noexcept
+    : clip_(std::exchange(other.clip_, nullptr)), name_(std::move(other.name_)),
+      boundaries_(std::move(other.boundaries_))
+{
+}
+
+ToolClip& ToolClip::operator=(ToolClip&& other) noexcept
+{
+    if (this != &other) {
+        close();
+        clip_ = std::exchange(other.clip_, nullptr);
+        name_ = std::move(other.name_);
+        boundaries_ = std::move(other.boundaries_);
+    }
+    return *this;
+}
+
+void ToolClip::close()
+{
+    if (clip_ != nullptr)
+        kel_clip_close(clip_, nullptr);
+    clip_ = nullptr;
+    boundaries_.clear();
+}
+
+_kel_clip_info_t ToolClip::info() const
+{
+    _kel_clip_info_t info{};
+    kel_clip_info(clip_, &info);
+    return info;
+}
+
+int ToolClip::packet_count() const
+{
+    return kel_clip_packet_count(clip_);
+}
+
+const std::vector<long long>& ToolClip::boundaries()
+{
+    // Edits change the packet count; the table is rebuilt when it no longer
+    // matches.
+    const int count = packet_count();
+    if (boundaries_.size() == static_cast<size_t>(count) + 1)
+        return boundaries_;
+    boundaries_.assign(1, 0);
+    boundaries_.reserve(static_cast<size_t>(count) + 1);
+    for (int i = 0; i < count; ++i) {
+        int err = 0;
+        const int frames = kel_clip_packet_frame_count(clip_, i, &err);
+        if (err != 0)
+            fail_library(err, name_);
+        boundaries_.push_back(boundaries_.back() + frames);
+    }
+    return boundaries_;
+}
+
+int ToolClip::boundary_at(double seconds)
+{
+    const std::vector<long long>& b = boundaries();
+    const double frame = seconds * static_cast<double>(info().sample_rate);
+    // First boundary at or after the frame, then the nearer of it and the
+    // one before.
+    const auto after = std::lower_bound(b.begin(), b.end(), frame,
+                                        [](long long v, double f) { return static_cast<double>(v) < f; });
+    if (after == b.end())
+        return static_cast<int>(b.size()) - 1;
+    const int index = static_cast<int>(after - b.begin());
+    if (index > 0 && frame - static_cast<double>(b[index - 1]) <= static_cast<double>(*after) - frame)
+        return index - 1;
+    return index;
+}
+
+double ToolClip::seconds_at(int boundary)
+{
+    const float rate = info().sample_rate;
+    return rate > 0.0f ? static_cast<double>(boundaries().at(static_cast<size_t>(boundary))) / rate : 0.0;
+}
+
+double ToolClip::duration_seconds()
+{
+    return seconds_at(packet_count());
+}
+
+PacketRange ToolClip::range(const Options& o)
+{
+    const int count = packet_count();
+    if (count < 1)
+        fail(name_ + ": the clip holds no packets");
+    if (o.has("packets")) {
+        const long first = o.integer("start", 0);
+        const long last = o.integer("end", count - 1);
+        if (first < 0 || last >= count || last < first)
+            fail(strprintf("%s: packets %ld..%ld are not a range within 0..%d", name_.c_str(), first, last,
+                           count - 1));
+        return {static_cast<int>(first), static_cast<int>(last)};
+    }
+    const double duration = duration_seconds();
+    const double start = o.number_at_least("start", 0.0, 0.0);
+    const double end = o.number("end", duration);
+    if (end <= start)
+        fail_usage(o.command(), "--end must come after --start");
+    const int first = boundary_at(start);
+    const int stop = boundary_at(end);
+    if (stop <= first)
+        fail(strprintf("%s: %.3f s to %.3f s holds no whole packet (packets here are %.3f s long)", name_.c_str(),
+                       start, std::min(end, duration), seconds_at(std::min(first + 1, count)) - seconds_at(first)));
+    return {first, stop - 1};
+}
+
+std::string ToolClip::describe(PacketRange r)
+{
+    return strprintf("packets %d..%d (%.3f s to %.3f s)", r.first, r.last, seconds_at(r.first), seconds_at(r.last + 1));
+}
+
+void ToolClip::save(const std::string& path, const SaveSettings& settings)
+{
+    int format = format_for_path(path);
+    if (format == 0)
+        fail(path + ": cannot tell the format from the file name; use " + writable_extensions());
+    if (format == KEL_FORMAT_AAC && settings.lossless)
+        format = KEL_FORMAT_ALAC;
+    if (packet_count() < 1)
+        fail(name_ + ": the clip is empty; nothing to save");
+
+    const _kel_clip_info_t source = info();
+    const Target t = choose_target(format, source, settings);
+    ToolClip converted(nullptr, path);
+    kel_clip_t* to_save = clip_;
+    if (needs_transcode(t, source, settings)) {
+        int err = 0;
+        ToolClip empty(kel_clip_create(t.format, t.channels, t.sample_rate, t.bits, t.bit_rate, settings.vbr ? 1 : 0,
+                                       &err),
+                       path);
+        if (empty.get() == nullptr) {
+            if (err == KEL_ERR_CLIP_TYPE || err == KEL_ERR_NOT_IMPLEMENTED)
+                fail(strprintf("%s: %s files cannot be written yet by this build of the library (%s)", path.c_str(),
+                               format_name(t.format), code_text(err).c_str()));
+            fail_library(err != 0 ? err : KEL_ERR_UNKNOWN, path);
+        }
+        err = 0;
+        kel_clip_t* result = nullptr;
+        {
+            ProgressBar bar("convert");
+            result = kel_clip_transcode(empty.get(), clip_, 0, packet_count() - 1, &err, bar.record());
+        }
+        converted = ToolClip(result, path);
+        check_interrupt();
+        if (result == nullptr)
+            fail_library(err != 0 ? err : KEL_ERR_TRANSCODE, path);
+        if (err != 0)
+            warn_library(err, name_);
+        to_save = result;
+    }
+
+    PartialFile partial(path);
+    int err = 0;
+    {
+        ProgressBar bar("save");
+        kel_clip_save_to(to_save, partial.path().c_str(), nullptr, 0, nullptr, 0, &err, bar.record());
+    }
+    // Saving runs to its end even when the callback says stop; the tool
+    // drops the finished file instead (PartialFile removes it).
+    check_interrupt();
+    if (KELErrorIsFatal(err))
+        fail_library(err, path);
+    if (err != 0)
+        warn_library(err, path);
+    partial.commit();
+}
+
+} // namespace KEL::cli

@@ -1,0 +1,82 @@
+// A clip as the kel tool handles it: owned (closed when it goes), named
+// after its file for messages, with its packets' positions in time, and
+// saved in the format that the output file's extension asks for.
+#ifndef KEL_TOOLS_TOOLCLIP_H
+#define KEL_TOOLS_TOOLCLIP_H
+
+#include "kel.h"
+
+#include <string>
+#include <vector>
+
+namespace KEL::cli {
+
+class Options;
+
+// An inclusive range of packet indices.
+struct PacketRange {
+    int first;
+    int last;
+};
+
+// What `convert` may change on the way; zeros keep the source's values.
+struct SaveSettings {
+    float sample_rate = 0.0f;
+    int bits = 0;
+    int bit_rate = 0; // bits per second, for MP3 and AAC
+    bool vbr = false;
+    bool lossless = false; // .m4a as Apple Lossless instead of AAC
+};
+
+class ToolClip {
+public:
+    // Opens a file, with a progress bar; reports failures and throws Exit.
+    static ToolClip open(const std::string& path);
+
+    // Takes ownership of a clip made elsewhere; name is used in messages.
+    ToolClip(kel_clip_t* clip, std::string name);
+    ~ToolClip();
+    ToolClip(ToolClip&& other) noexcept;
+    ToolClip& operator=(ToolClip&& other) noexcept;
+    ToolClip(const ToolClip&) = delete;
+    ToolClip& operator=(const ToolClip&) = delete;
+
+    kel_clip_t* get() const { return clip_; }
+    const std::string& name() const { return name_; }
+    _kel_clip_info_t info() const;
+    int packet_count() const;
+
+    // Frame position of each packet boundary: entry i is where packet i
+    // starts, the last entry the end of the clip (packet_count + 1 values).
+    const std::vector<long long>& boundaries();
+    // The boundary nearest to a time (ties go to the earlier one).
+    int boundary_at(double seconds);
+    double seconds_at(int boundary);
+    double duration_seconds();
+
+    // The packets an edit command works on: --start/--end in seconds
+    // rounded to the nearest packet boundaries, or with --packets inclusive
+    // packet indices. Absent ends mean the clip's ends. Refuses ranges that
+    // hold no packet.
+    PacketRange range(const Options& options);
+    // "packets 43..85 (0.998 s to 1.997 s)".
+    std::string describe(PacketRange range);
+
+    // Writes the clip to `path`. The extension picks the format; when it
+    // differs from the clip's or settings change a parameter, the clip is
+    // transcoded first. Progress bars for both steps; Ctrl-C or a failure
+    // leaves no file at `path` (and an existing one untouched).
+    void save(const std::string& path, const SaveSettings& settings = SaveSettings());
+
+    // Closes the clip now.
+    void close();
+
+private:
+    kel_clip_t* clip_ = nullptr;
+    std::string name_;
+    std::vector<long long> boundaries_;
+};
+
+} // namespace KEL::cli
+
+#endif
