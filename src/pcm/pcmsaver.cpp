@@ -126,6 +126,9 @@ int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int ex
     file_ = std::fopen(path, "w+");
     if (file_ == nullptr)
         return open_failure_code(errno);
+    // Packets are written one by one; a large stream buffer turns them into
+    // few large writes.
+    std::setvbuf(file_, nullptr, _IOFBF, 1 << 20);
 
     if (clip.packet_count <= 0 || clip.packets == nullptr)
         return fail(fourcc("Empt"));
