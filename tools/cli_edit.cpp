@@ -93,6 +93,36 @@ constexpr Options::Known kEnd{"end", true};
 constexpr Options::Known kPacketsFlag{"packets", false};
 constexpr Options::Known kOutput{"output", true};
 
+// For MP3, the synthetic frames that carry the bit reservoir of packet
+// `packet` of `clip` (the main data it keeps in the frames before it);
+// null when it needs none, for other formats, or when they cannot be made
+// (the cut then simply starts with a frame that decodes partly).
+kel_clip_t* padding_frames(const ToolClip& clip, int packet)
+{
+    if (clip.info().format != KEL_FORMAT_MP3 || packet < 0 || packet >= clip.packet_count())
+        return nullptr;
+    int err = 0;
+    kel_clip_t* padding = kel_clip_create_padding_clip(clip.get(), packet, &err);
+    if (err != 0 && padding != nullptr) {
+        kel_clip_close(padding, nullptr);
+        padding = nullptr;
+    }
+    return padding;
+}
+
+// Puts the padding frames (if any) in front of clip's first packet.
+void put_in_front(ToolClip& clip, const ToolClip& frames)
+{
+    if (frames.get() == nullptr)
+        return;
+    int err = 0;
+    kel_clip_insert(clip.get(), 0, frames.get(), &err);
+    if (err != 0)
+        fail_library(err, clip.name());
+    std::printf("put %d padding frames in front for the bit reservoir of the first kept frame\n",
+                frames.packet_count());
+}
+
 int keep_or_remove(const char* command, const char* help, const Args& args, bool keep)
 {
     const Options o(command, args, {kStart, kEnd, kPacketsFlag, kOutput});
@@ -103,6 +133,8 @@ int keep_or_remove(const char* command, const char* help, const Args& args, bool
     ToolClip clip = ToolClip::open(o.positional()[0]);
     const PacketRange r = clip.range(o);
     const std::string what = clip.describe(r);
+    // The first frame that will be kept, while its predecessors are there.
+    const ToolClip padding(padding_frames(clip, keep ? r.first : r.first == 0 ? r.last + 1 : -1), clip.name());
     int err = 0;
     ToolClip piece(keep ? kel_clip_copy(clip.get(), r.first, r.last, &err)
                         : kel_clip_cut(clip.get(), r.first, r.last, &err),
@@ -112,6 +144,9 @@ int keep_or_remove(const char* command, const char* help, const Args& args, bool
     ToolClip& result = keep ? piece : clip;
     if (result.packet_count() == 0)
         fail(clip.name() + ": the cut takes every packet; nothing would remain");
+    put_in_front(result, padding);
+    if (keep)
+        piece.set_leading_tag(clip.leading_tag());
     std::printf("%s %s; %d packets, %.3f s left\n", keep ? "kept" : "removed", what.c_str(),
                 result.packet_count(), result.duration_seconds());
     result.save(out);

@@ -7,6 +7,7 @@
 #include "kel.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KEL::cli {
@@ -71,10 +72,16 @@ public:
     // Closes the clip now.
     void close();
 
+    // The bytes written in front of the audio when the clip is saved as MP3:
+    // the ID3v2 tag of the MP3 file it was opened from (empty when none).
+    const std::vector<unsigned char>& leading_tag() const { return leading_tag_; }
+    void set_leading_tag(std::vector<unsigned char> tag) { leading_tag_ = std::move(tag); }
+
 private:
     kel_clip_t* clip_ = nullptr;
     std::string name_;
     std::vector<long long> boundaries_;
+    std::vector<unsigned char> leading_tag_;
 };
 
 } // namespace KEL::cli

@@ -2,6 +2,8 @@
 
 #include "core/clip.h"
 #include "core/fourcc.h"
+#include "m4a/clipm4aac.h"
+#include "m4a/clipm4alac.h"
 #include "mp3/clipmp3.h"
 #include "pcm/clipaiff.h"
 #include "pcm/clipcaff.h"
@@ -48,8 +50,16 @@ const FormatDispatch& FormatDispatch::standard()
                            return ClipWAVE::open(path, err, progress);
                        },
                        &ClipWAVE::get_file_info, fourcc("Ewav")}, // WAVE
-            ClipFormat{nullptr, nullptr, nullptr, 0}, // AAC in MPEG-4
-            ClipFormat{nullptr, nullptr, nullptr, 0}, // Apple Lossless in MPEG-4
+            ClipFormat{&ClipM4AAC::detect,
+                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
+                           return ClipM4AAC::open(path, err, progress);
+                       },
+                       &ClipM4AAC::get_file_info, 0}, // AAC in MPEG-4
+            ClipFormat{&ClipM4ALAC::detect,
+                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
+                           return ClipM4ALAC::open(path, err, progress);
+                       },
+                       &ClipM4ALAC::get_file_info, 0}, // Apple Lossless in MPEG-4
         },
         // MP3 has no signature to detect by: asked last, never "corrupt".
         ClipFormat{&ClipMP3::detect,

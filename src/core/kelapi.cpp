@@ -5,6 +5,8 @@
 
 #include "core/clip.h"
 #include "core/fourcc.h"
+#include "m4a/clipm4aac.h"
+#include "m4a/clipm4alac.h"
 #include "mp3/clipmp3.h"
 #include "overview/overview.h"
 #include "pcm/clipaiff.h"
@@ -136,8 +138,14 @@ kel_clip_t* kel_clip_create(int format, int channels, float sample_rate, int bit
     case KEL_FORMAT_AIFF:
         clip = KEL::ClipAIFF::create_empty(channels, sample_rate, bits_per_sample, &code);
         break;
+    case KEL_FORMAT_AAC:
+        clip = KEL::ClipM4AAC::create_empty(channels, sample_rate, bit_rate, &code);
+        break;
     case KEL_FORMAT_MP3:
         clip = KEL::ClipMP3::create_empty(channels, sample_rate, bit_rate, flag != 0, &code);
+        break;
+    case KEL_FORMAT_ALAC:
+        clip = KEL::ClipM4ALAC::create_empty(channels, sample_rate, bits_per_sample, &code);
         break;
     case KEL_FORMAT_WAVE:
         clip = KEL::ClipWAVE::create_empty(channels, sample_rate, bits_per_sample, &code);

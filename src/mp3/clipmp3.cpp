@@ -301,19 +301,6 @@ int ClipMP3::fade_length_fudge_factor()
     return 1;
 }
 
-int ClipMP3::save_to(const char*, const void*, int, const void*, int, int* err, _kel_progress_ext_t*)
-{
-    const int code = fourcc("Enot");
-    if (err != nullptr)
-        *err = code;
-    return code;
-}
-
-ClipEncoder* ClipMP3::create_encoder(float)
-{
-    return nullptr;
-}
-
 void ClipMP3::get_info(_kel_clip_info_t* info)
 {
     info->format = KEL_FORMAT_MP3;

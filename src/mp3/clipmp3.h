@@ -25,12 +25,23 @@ public:
     ClipMP3(int channels, float sample_rate, int type, int stereo_mode, int bit_rate, BSFile* file);
     ~ClipMP3() override;
 
-    // Writing edited MP3 streams is not available yet: "Enot".
+    // Writes block1 (a leading tag, e.g. ID3v2) unchanged, an information
+    // frame ("Xing" for a variable bit rate, "Info" for a constant one)
+    // describing the frames, every packet's frame with its gain applied in
+    // the bitstream, then block2 (a trailing tag). See clipmp3save.cpp.
     int save_to(const char* path, const void* block1, int block1_len, const void* block2, int block2_len,
                 int* err, _kel_progress_ext_t* progress) override;
     void get_info(_kel_clip_info_t* info) override;
-    // No MP3 encoder yet: null, which transcoding reports as "Ecod".
+    // Encodes source packets through LAME into one MP3 stream in a
+    // temporary file and opens that file as the new clip.
+    Clip* transcode(Clip* source, int first, int last, int* err, _kel_progress_ext_t* progress) override;
+    // A LAME encoder for this clip's channels, rate, frame size, nominal bit
+    // rate, rate mode and stereo mode.
     ClipEncoder* create_encoder(float source_rate) override;
+    // Synthetic frames carrying the bit reservoir of packet `index`, to go
+    // in front of it when the packets before it are cut away; null without
+    // an error when it needs none. See clipmp3padding.cpp.
+    Clip* create_padding_clip(int index, int* err) override;
     // Earlier packets whose main data this packet's bit reservoir reaches.
     int packet_preroll_count(int index, int* err) override;
     // Another MP3 clip of the same channels, sample rate, MPEG version and

@@ -96,28 +96,6 @@ void write_wav(const std::string& path, const Pcm& pcm)
     file.write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
 }
 
-TempDir::TempDir()
-{
-    const char* parent = std::getenv("TMPDIR");
-    std::string pattern = std::string(parent != nullptr && *parent != '\0' ? parent : "/tmp") + "/kelcodec.XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr)
-        throw std::runtime_error("mkdtemp failed");
-    root_ = pattern;
-}
-
-TempDir::~TempDir()
-{
-    if (DIR* d = opendir(root_.c_str())) {
-        while (dirent* e = readdir(d)) {
-            const std::string name = e->d_name;
-            if (name != "." && name != "..")
-                unlink((root_ + "/" + name).c_str());
-        }
-        closedir(d);
-    }
-    rmdir(root_.c_str());
-}
-
 bool run_ffmpeg(const std::vector<std::string>& args)
 {
     std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y"};

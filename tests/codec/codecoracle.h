@@ -7,6 +7,7 @@
 
 #include "codec/codectypes.h"
 #include "codec/component.h"
+#include "common/testsupport.h"
 
 #include <cstdint>
 #include <memory>
@@ -35,15 +36,7 @@ Bytes big_endian_bytes(const Pcm& pcm, size_t first_frame, size_t frames);
 void write_wav(const std::string& path, const Pcm& pcm);
 
 // A folder from mkdtemp, removed with its files.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    std::string path(const std::string& name) const { return root_ + "/" + name; }
-
-private:
-    std::string root_;
-};
+using TempDir = TempFolder;
 
 // Runs ffmpeg quietly with the arguments; true on exit status 0.
 bool run_ffmpeg(const std::vector<std::string>& args);

@@ -1,5 +1,6 @@
 // Backing store: handle table, reads, relocation into a temporary file,
 // progress and concurrent readers.
+#include "common/testsupport.h"
 #include "core/bsfile.h"
 #include "core/bshandlefile.h"
 #include "core/bshandlemem.h"
@@ -12,13 +13,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 using namespace KEL;
+using KEL::test::open_descriptors;
+using KEL::test::open_fd_targets;
 
 namespace {
 
@@ -40,26 +42,13 @@ struct SourceFile {
     std::string path;
     std::vector<unsigned char> bytes;
 
-    SourceFile(size_t n, uint64_t seed) : bytes(random_bytes(n, seed))
+    SourceFile(size_t n, uint64_t seed)
+        : path(KEL::test::temp_file_with(random_bytes(n, seed).data(), n, "kel-bs")), bytes(random_bytes(n, seed))
     {
-        const char* dir = std::getenv("TMPDIR");
-        path = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/kel-bs-XXXXXX";
-        const int fd = ::mkstemp(&path[0]);
-        EXPECT_NE(fd, -1);
-        write_all(fd, bytes);
-        ::close(fd);
+        EXPECT_FALSE(path.empty());
     }
     ~SourceFile() { ::unlink(path.c_str()); }
 
-    static void write_all(int fd, const std::vector<unsigned char>& data)
-    {
-        size_t done = 0;
-        while (done < data.size()) {
-            const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-            ASSERT_GT(n, 0);
-            done += static_cast<size_t>(n);
-        }
-    }
     // Replaces the file's contents in place (same inode) with other bytes.
     void overwrite(uint64_t seed)
     {
@@ -70,30 +59,6 @@ struct SourceFile {
         std::fclose(f);
     }
 };
-
-std::vector<std::string> open_fd_targets()
-{
-    std::vector<std::string> out;
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (dir == nullptr)
-        return out;
-    const int own = ::dirfd(dir);
-    while (dirent* e = ::readdir(dir)) {
-        if (e->d_name[0] == '.' || std::atoi(e->d_name) == own)
-            continue;
-        char buf[4096];
-        const std::string link = std::string("/proc/self/fd/") + e->d_name;
-        const ssize_t n = ::readlink(link.c_str(), buf, sizeof(buf) - 1);
-        out.emplace_back(buf, n > 0 ? static_cast<size_t>(n) : 0);
-    }
-    ::closedir(dir);
-    return out;
-}
-
-int open_fd_count()
-{
-    return static_cast<int>(open_fd_targets().size());
-}
 
 bool source_is_open(const std::string& path)
 {
@@ -223,18 +188,18 @@ TEST(BSFileTable, NewHandleReusesLiveCountAsSlot)
 TEST(BSFileLifecycle, LastHandleClosesSourceAtOnce)
 {
     SourceFile src(2048, 3);
-    const int base = open_fd_count();
+    const int base = open_descriptors();
     BSFile store;
     EXPECT_FALSE(store.open((src.path + ".missing").c_str()));
     EXPECT_EQ(store.NewHandle(0, 10), nullptr);
     ASSERT_TRUE(store.open(src.path.c_str()));
-    EXPECT_EQ(open_fd_count(), base + 1);
+    EXPECT_EQ(open_descriptors(), base + 1);
     BSHandleFile* a = store.NewHandle(0, 10);
     BSHandleFile* b = store.NewHandle(10, 10);
     a->release();
     EXPECT_TRUE(source_is_open(src.path));
     b->release();
-    EXPECT_EQ(open_fd_count(), base);
+    EXPECT_EQ(open_descriptors(), base);
     EXPECT_FALSE(source_is_open(src.path));
     EXPECT_EQ(store.fd, -1);
     EXPECT_EQ(store.NewHandle(0, 10), nullptr);
@@ -299,7 +264,7 @@ TEST(BSFileRead, MemoryHandleRoundTrip)
 TEST(BSFileRelocation, LiveHandlesMoveIntoAnonymousTempFile)
 {
     SourceFile src(256 * 1024, 6);
-    const int base = open_fd_count();
+    const int base = open_descriptors();
     BSFile store;
     ASSERT_TRUE(store.open(src.path.c_str()));
     auto ranges = random_ranges(300, 3000, src.bytes.size(), 7);
@@ -309,7 +274,7 @@ TEST(BSFileRelocation, LiveHandlesMoveIntoAnonymousTempFile)
         hs.push_back(store.NewHandle(r.offset, r.size));
 
     EXPECT_TRUE(store.clip_gone(nullptr));
-    EXPECT_EQ(open_fd_count(), base + 1);
+    EXPECT_EQ(open_descriptors(), base + 1);
     EXPECT_FALSE(source_is_open(src.path));
     EXPECT_NE(fd_target(store.fd).find("(deleted)"), std::string::npos);
     long long packed = 0;
@@ -333,7 +298,7 @@ TEST(BSFileRelocation, LiveHandlesMoveIntoAnonymousTempFile)
             kept.push_back(i);
     }
     EXPECT_TRUE(store.clip_gone(nullptr));
-    EXPECT_EQ(open_fd_count(), base + 1);
+    EXPECT_EQ(open_descriptors(), base + 1);
     packed = 0;
     for (size_t k = 0; k < kept.size(); ++k) {
         const size_t i = kept[k];
@@ -344,20 +309,20 @@ TEST(BSFileRelocation, LiveHandlesMoveIntoAnonymousTempFile)
     }
     for (size_t i : kept)
         hs[i]->release();
-    EXPECT_EQ(open_fd_count(), base);
+    EXPECT_EQ(open_descriptors(), base);
 }
 
 TEST(BSFileRelocation, NoHandlesJustCloses)
 {
     SourceFile src(100, 8);
-    const int base = open_fd_count();
+    const int base = open_descriptors();
     BSFile store;
     ASSERT_TRUE(store.open(src.path.c_str()));
     Recorder rec;
     _kel_progress_ext_t progress{&Recorder::callback, &rec, 0.0f};
     EXPECT_TRUE(store.clip_gone(&progress));
     EXPECT_EQ(store.file, nullptr);
-    EXPECT_EQ(open_fd_count(), base);
+    EXPECT_EQ(open_descriptors(), base);
     EXPECT_EQ(rec.values, std::vector<float>{100.0f});
 }
 

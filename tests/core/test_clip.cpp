@@ -1,4 +1,5 @@
 // The clip's packet array, stream statistics and closing.
+#include "common/testsupport.h"
 #include "core/bsfile.h"
 #include "core/bshandlefile.h"
 #include "core/bshandlemem.h"
@@ -8,8 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <dirent.h>
 #include <unistd.h>
 #include <vector>
 
@@ -149,21 +148,6 @@ TEST(ClipStats, EmptyClipHasNoRate)
     EXPECT_EQ(clip.is_vbr, 0);
 }
 
-namespace {
-
-int open_descriptors()
-{
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr)
-            ++n;
-        closedir(d);
-    }
-    return n;
-}
-
-} // namespace
-
 TEST(ClipStore, CopyOutlivesSourceClipAndSourceFile)
 {
     // A file of 4 packets of 256 interleaved stereo float frames.
@@ -171,12 +155,8 @@ TEST(ClipStore, CopyOutlivesSourceClipAndSourceFile)
     std::vector<float> samples(static_cast<size_t>(frames) * 2 * packets);
     for (size_t i = 0; i < samples.size(); ++i)
         samples[i] = static_cast<float>(static_cast<int>(i * 7919 % 2001) - 1000) / 1000.0f;
-    const char* dir = std::getenv("TMPDIR");
-    std::string path = std::string(dir != nullptr ? dir : "/tmp") + "/kel-clip-XXXXXX";
-    const int fd = mkstemp(&path[0]);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, samples.data(), samples.size() * 4), static_cast<ssize_t>(samples.size() * 4));
-    ::close(fd);
+    const std::string path = temp_file_with(samples.data(), samples.size() * 4, "kel-clip");
+    ASSERT_FALSE(path.empty());
 
     const int before = open_descriptors();
     auto* store = new BSFile;

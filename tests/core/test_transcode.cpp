@@ -1,6 +1,7 @@
 // The transcoding pipeline: decoder -> ring buffer -> resampler -> encoder
 // -> packets in an anonymous scratch file, driven through a fake format
 // whose packets hold known samples.
+#include "common/testsupport.h"
 #include "core/bsfile.h"
 #include "core/fourcc.h"
 #include "fakeformat.h"
@@ -8,24 +9,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <dirent.h>
 #include <memory>
 
 using namespace KEL;
 using namespace KEL::test;
 
 namespace {
-
-int open_descriptors()
-{
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr)
-            ++n;
-        closedir(d);
-    }
-    return n;
-}
 
 struct Closer {
     void operator()(Clip* c) const

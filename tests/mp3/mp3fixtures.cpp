@@ -53,28 +53,6 @@ void write_field(Bytes& b, size_t pos, int n, unsigned value)
     }
 }
 
-ScratchDir::ScratchDir()
-{
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kel-mp3-XXXXXX";
-    if (mkdtemp(&pattern[0]) != nullptr)
-        root_ = pattern;
-}
-
-ScratchDir::~ScratchDir()
-{
-    if (root_.empty())
-        return;
-    if (DIR* d = opendir(root_.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
-                unlink((root_ + "/" + e->d_name).c_str());
-        }
-        closedir(d);
-    }
-    rmdir(root_.c_str());
-}
-
 int run_tool(const std::vector<std::string>& argv)
 {
     posix_spawn_file_actions_t actions;

@@ -5,6 +5,7 @@
 #ifndef KEL_TESTS_MP3_MP3FIXTURES_H
 #define KEL_TESTS_MP3_MP3FIXTURES_H
 
+#include "common/testsupport.h"
 #include "mp3/mpegheader.h"
 
 #include <cstddef>
@@ -35,17 +36,7 @@ unsigned read_field(const Bytes& b, size_t pos, int n);
 void write_field(Bytes& b, size_t pos, int n, unsigned value);
 
 // A folder made with mkdtemp, removed with its contents when the object goes.
-class ScratchDir {
-public:
-    ScratchDir();
-    ~ScratchDir();
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-    std::string path(const std::string& name) const { return root_ + "/" + name; }
-
-private:
-    std::string root_;
-};
+using ScratchDir = TempFolder;
 
 // Runs argv[0] from PATH with stdin, stdout and stderr on /dev/null; the
 // exit status, or -1 when it could not run.

@@ -10,7 +10,7 @@
 #include "pcm/clipencoderaiff.h"
 #include "pcm/clipwave.h"
 #include "pcm/packetaiff.h"
-#include "oracle.h"
+#include "pcmcases.h"
 
 #include <gtest/gtest.h>
 
@@ -25,21 +25,6 @@ using namespace KEL;
 using namespace KEL::test;
 
 namespace {
-
-// A stored sample scaled by a gain and optionally an envelope factor. 16
-// bit: single-precision products, clamped, truncated toward zero. 24 bit:
-// the same on the sample times 256, then the low byte dropped, which floors.
-int32_t scaled(int32_t s, int bits, float gain, const float* envelope)
-{
-    const float scale = bits == 16 ? 1.0f : 256.0f;
-    float v = static_cast<float>(s) * scale * gain;
-    if (envelope != nullptr)
-        v = *envelope * v;
-    if (bits == 16)
-        return static_cast<int32_t>(std::min(std::max(v, -32768.0f), 32767.0f));
-    const double d = std::min(std::max(static_cast<double>(v), -2147483648.0), 2147483647.0);
-    return static_cast<int32_t>(std::floor(std::trunc(d) / 256.0));
-}
 
 uint32_t be32(const Bytes& b, size_t at)
 {
@@ -78,48 +63,17 @@ Bytes build_aiff(const std::string& form, const std::vector<Chunk>& chunks)
     return file.bytes;
 }
 
-class AiffTest : public ::testing::Test {
+class AiffTest : public PcmFiles {
 protected:
-    void SetUp() override
-    {
-        ASSERT_FALSE(work.root().empty());
-        ASSERT_TRUE(tool_runs("ffmpeg", "-version")) << "ffmpeg is required";
-        ASSERT_TRUE(tool_runs("ffprobe", "-version")) << "ffprobe is required";
-        ASSERT_TRUE(tool_runs("sox", "--version")) << "sox is required";
-        kel_set_raw_packet_size(0);
-    }
-    void TearDown() override { kel_set_raw_packet_size(0); }
-
-    std::string path(const std::string& name) const { return work.path(name); }
-
-    // ffmpeg's own sine sources; exprs has one expression per channel.
-    std::string ffmpeg_file(const std::string& name, const std::string& exprs, int rate, const char* seconds,
-                            const char* codec, std::vector<std::string> more = {})
-    {
-        std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-                                         "aevalsrc=exprs=" + exprs + ":s=" + std::to_string(rate) + ":d=" + seconds,
-                                         "-c:a", codec};
-        argv.insert(argv.end(), more.begin(), more.end());
-        argv.push_back(path(name));
-        EXPECT_EQ(run_tool(argv), 0) << name;
-        return path(name);
-    }
-
     std::string sox_file(const std::string& name, const char* type, int rate, int bits, int channels,
                          const char* seconds)
     {
-        std::vector<std::string> argv = {"sox", "-n", "-r", std::to_string(rate), "-b", std::to_string(bits),
-                                         "-c", std::to_string(channels), "-t", type, path(name), "synth", seconds,
-                                         "sine", "300", "sine", "470", "gain", "2"};
-        EXPECT_EQ(run_tool(argv), 0) << name;
+        EXPECT_EQ(run_tool({"sox", "-n", "-r", std::to_string(rate), "-b", std::to_string(bits), "-c",
+                            std::to_string(channels), "-t", type, path(name), "synth", seconds, "sine", "300", "sine",
+                            "470", "gain", "2"}),
+                  0)
+            << name;
         return path(name);
-    }
-
-    Decoded ffmpeg_samples(const std::string& file)
-    {
-        Decoded d;
-        EXPECT_TRUE(ffmpeg_decode(file, d, work.root())) << file;
-        return d;
     }
 
     // Rewrites a file's chunks through edit and returns the new file's path.
@@ -133,17 +87,6 @@ protected:
         write_file(path(name), build_aiff(form, chunks));
         return path(name);
     }
-
-    TempDir work;
-};
-
-struct Source {
-    const char* what;
-    std::string file;   // what KEL opens
-    std::string oracle; // what ffmpeg decodes for the expectation
-    int channels;
-    int bits;
-    int rate;
 };
 
 TEST_F(AiffTest, FilesFromPeerToolsDecodeExactlyAsFfmpegDecodesThem)
@@ -187,63 +130,20 @@ TEST_F(AiffTest, FilesFromPeerToolsDecodeExactlyAsFfmpegDecodesThem)
         c.push_back(moved);
     });
 
-    const std::vector<Source> sources = {
-        {"ffmpeg AIFF 16-bit stereo", ff16, ff16, 2, 16, 44100},
-        {"ffmpeg AIFF 24-bit mono", ff24, ff24, 1, 24, 48000},
-        {"ffmpeg AIFF-C sowt stereo", sowt, sowt, 2, 16, 22050},
-        {"ffmpeg AIFF-C twos mono", twos, twos, 1, 16, 16000},
-        {"ffmpeg AIFF-C in24 stereo", in24, in24, 2, 24, 8000},
-        {"ffmpeg AIFF three channels with NAME and ID3", tagged, tagged, 3, 16, 16000},
-        {"sox AIFF 16-bit stereo with COMT", sox16, sox16, 2, 16, 22050},
-        {"sox AIFF-C NONE 24-bit mono, odd length", sox24, sox24, 1, 24, 22050},
-        {"sox AIFF-C NONE 16-bit stereo", sox16c, sox16c, 2, 16, 11025},
-        {"chunks around SSND, SSND offset", spliced, ff16, 2, 16, 44100},
-        {"SSND before COMM", late_comm, twos, 1, 16, 16000},
-    };
-    for (const Source& src : sources) {
-        SCOPED_TRACE(src.what);
-        const Decoded want = ffmpeg_samples(src.oracle);
-        ASSERT_EQ(want.channels, src.channels);
-        const long long frames = static_cast<long long>(want.frames());
-        ASSERT_GT(frames, 0);
-
-        int err = -1;
-        ClipPtr clip = open_clip(src.file, err);
-        ASSERT_EQ(err, 0);
-        ASSERT_TRUE(clip);
-        _kel_clip_info_t info{};
-        clip->get_info(&info);
-        EXPECT_EQ(info.format, KEL_FORMAT_AIFF);
-        EXPECT_EQ(info.channels, src.channels);
-        EXPECT_EQ(info.bits_per_sample, src.bits);
-        EXPECT_EQ(info.sample_rate, static_cast<float>(src.rate));
-
-        const long long packets = (frames + 1023) / 1024;
-        ASSERT_EQ(clip->packet_count, packets);
-        for (int i = 0; i < clip->packet_count; ++i) {
-            EXPECT_EQ(clip->packet_frame_count(i, nullptr), 1024);
-            EXPECT_EQ(clip->get_packet(i)->type(), Packet::TypeAIFF);
-        }
-        EXPECT_EQ(clip->get_packet(clip->packet_count - 1)->disk_frame_count(), frames - (packets - 1) * 1024);
-
-        std::vector<float> left, right;
-        split(want, left, right);
-        const Samples got = decode_clip(*clip);
-        EXPECT_TRUE(same_bits(got.left, left));
-        EXPECT_TRUE(same_bits(got.right, right));
-        for (size_t i = static_cast<size_t>(frames); i < got.left.size(); ++i) {
-            ASSERT_EQ(bits_of(got.left[i]), 0u) << "silent tail at " << i;
-            ASSERT_EQ(bits_of(got.right[i]), 0u) << "silent tail at " << i;
-        }
-
-        _kel_clip_info_t file{};
-        EXPECT_EQ(Clip::file_info(src.file.c_str(), &file, nullptr), 0);
-        EXPECT_EQ(file.format, KEL_FORMAT_AIFF);
-        EXPECT_EQ(file.channels, src.channels);
-        EXPECT_EQ(file.bits_per_sample, src.bits);
-        EXPECT_NEAR(file.duration, static_cast<double>(frames) / src.rate, 1e-6);
-        EXPECT_NEAR(file.bit_rate, src.rate * src.channels * src.bits, 2);
-    }
+    for (const PeerSource& src : std::vector<PeerSource>{
+             {"ffmpeg AIFF 16-bit stereo", ff16, ff16, 2, 16, 44100},
+             {"ffmpeg AIFF 24-bit mono", ff24, ff24, 1, 24, 48000},
+             {"ffmpeg AIFF-C sowt stereo", sowt, sowt, 2, 16, 22050},
+             {"ffmpeg AIFF-C twos mono", twos, twos, 1, 16, 16000},
+             {"ffmpeg AIFF-C in24 stereo", in24, in24, 2, 24, 8000},
+             {"ffmpeg AIFF three channels with NAME and ID3", tagged, tagged, 3, 16, 16000},
+             {"sox AIFF 16-bit stereo with COMT", sox16, sox16, 2, 16, 22050},
+             {"sox AIFF-C NONE 24-bit mono, odd length", sox24, sox24, 1, 24, 22050},
+             {"sox AIFF-C NONE 16-bit stereo", sox16c, sox16c, 2, 16, 11025},
+             {"chunks around SSND, SSND offset", spliced, ff16, 2, 16, 44100},
+             {"SSND before COMM", late_comm, twos, 1, 16, 16000},
+         })
+        expect_decodes_as_ffmpeg(src, KEL_FORMAT_AIFF, Packet::TypeAIFF, work.root());
 
     // What ffmpeg writes but KEL does not read: 8- and 32-bit AIFF, float
     // and companded AIFF-C. The code survives the dispatch.
@@ -254,48 +154,6 @@ TEST_F(AiffTest, FilesFromPeerToolsDecodeExactlyAsFfmpegDecodesThem)
         EXPECT_EQ(err, fourcc("Efms")) << codec;
         EXPECT_EQ(Clip::file_info(file.c_str(), nullptr, nullptr), fourcc("Efms")) << codec;
     }
-}
-
-// Packet gains and envelopes on a clip, and what saving must make of them.
-struct GainPlan {
-    std::vector<float> gains;                  // per packet
-    std::vector<std::vector<float>> envelopes; // per packet, empty for none
-};
-
-GainPlan apply_plan(Clip& clip, bool with_gains)
-{
-    GainPlan plan;
-    plan.gains.assign(static_cast<size_t>(clip.packet_count), 1.0f);
-    plan.envelopes.assign(static_cast<size_t>(clip.packet_count), {});
-    if (!with_gains)
-        return plan;
-    const int last = clip.packet_count - 1;
-    for (auto [index, gain] : std::vector<std::pair<int, float>>{{0, 1.9f}, {1, 0.35f}, {last, 0.6f}}) {
-        clip.get_packet(index)->gain = gain;
-        plan.gains[static_cast<size_t>(index)] = gain;
-    }
-    for (int index : {1, 2}) {
-        Packet* p = clip.get_packet(index);
-        std::vector<float> fade(static_cast<size_t>(p->frame_count));
-        for (size_t k = 0; k < fade.size(); ++k)
-            fade[k] = static_cast<float>(fade.size() - k) / static_cast<float>(fade.size());
-        p->gain_envelope(fade.data(), p->frame_count);
-        plan.envelopes[static_cast<size_t>(index)] = fade;
-    }
-    return plan;
-}
-
-std::vector<int32_t> predict(const std::vector<int32_t>& original, int channels, int bits, const GainPlan& plan)
-{
-    std::vector<int32_t> out;
-    for (size_t i = 0; i < original.size(); ++i) {
-        const size_t frame = i / static_cast<size_t>(channels);
-        const size_t packet = frame / 1024;
-        const auto& envelope = plan.envelopes[packet];
-        out.push_back(scaled(original[i], bits, plan.gains[packet],
-                             envelope.empty() ? nullptr : &envelope[frame % 1024]));
-    }
-    return out;
 }
 
 TEST_F(AiffTest, SavedFilesSatisfyFfprobeAndDecodeAsPredicted)
@@ -321,7 +179,8 @@ TEST_F(AiffTest, SavedFilesSatisfyFfprobeAndDecodeAsPredicted)
             int err = 0;
             ClipPtr clip = open_clip(source, err);
             ASSERT_TRUE(clip);
-            const GainPlan plan = apply_plan(*clip, changed);
+            const GainPlan plan =
+                changed ? apply_plan(*clip, {{0, 1.9f}, {1, 0.35f}, {-1, 0.6f}}, {1, 2}) : apply_plan(*clip, {}, {});
             const std::vector<int32_t> want = predict(integers(original, bits), original.channels, bits, plan);
 
             const std::string out = path("saved.aiff");
@@ -337,18 +196,12 @@ TEST_F(AiffTest, SavedFilesSatisfyFfprobeAndDecodeAsPredicted)
             const Bytes file = read_file(out);
             const uint32_t data = static_cast<uint32_t>(want.size()) * static_cast<uint32_t>(bits / 8);
             ASSERT_EQ(file.size(), 54 + data + block.size());
-            EXPECT_EQ(std::string(file.begin(), file.begin() + 4), "FORM");
-            EXPECT_EQ(be32(file, 4), data + block.size() + 46);
-            EXPECT_EQ(std::string(file.begin() + 8, file.begin() + 16), "AIFFCOMM");
-            EXPECT_EQ(be32(file, 16), 18u);
-            EXPECT_EQ(Bytes(file.begin() + 20, file.begin() + 22), Bytes(comm.begin(), comm.begin() + 2));
-            EXPECT_EQ(be32(file, 22), original.frames());
-            EXPECT_EQ(file[26] << 8 | file[27], bits);
-            EXPECT_EQ(Bytes(file.begin() + 28, file.begin() + 38), Bytes(comm.begin() + 8, comm.begin() + 18));
-            EXPECT_EQ(std::string(file.begin() + 38, file.begin() + 42), "SSND");
-            EXPECT_EQ(be32(file, 42), data + 8);
-            EXPECT_EQ(be32(file, 46), 0u);
-            EXPECT_EQ(be32(file, 50), 0u);
+            ByteWriter header;
+            header.tag("FORM").be32(data + static_cast<uint32_t>(block.size()) + 46).tag("AIFF").tag("COMM").be32(18);
+            header.raw(Bytes(comm.begin(), comm.begin() + 2)).be32(static_cast<uint32_t>(original.frames()));
+            header.be16(static_cast<uint32_t>(bits)).raw(Bytes(comm.begin() + 8, comm.begin() + 18));
+            header.tag("SSND").be32(data + 8).be32(0).be32(0);
+            EXPECT_EQ(Bytes(file.begin(), file.begin() + 54), header.bytes);
             EXPECT_TRUE(std::equal(block.begin(), block.end(), file.end() - static_cast<long>(block.size())));
 
             Probe probe;
@@ -359,20 +212,10 @@ TEST_F(AiffTest, SavedFilesSatisfyFfprobeAndDecodeAsPredicted)
             const Decoded saved = ffmpeg_samples(out);
             EXPECT_EQ(integers(saved, bits), want);
 
-            // Reopened: the same packets, decoding as ffmpeg decodes.
+            expect_reopens_as(out, *clip, saved);
             ClipPtr again = open_clip(out, err);
             ASSERT_TRUE(again);
-            ASSERT_EQ(again->packet_count, clip->packet_count);
-            for (int i = 0; i < clip->packet_count; ++i) {
-                EXPECT_EQ(again->packet_frame_count(i, nullptr), 1024);
-                EXPECT_EQ(again->get_packet(i)->disk_frame_count(), clip->get_packet(i)->disk_frame_count());
-                EXPECT_FALSE(static_cast<PacketAIFF*>(again->get_packet(i))->littleEndian);
-            }
-            std::vector<float> left, right;
-            split(saved, left, right);
-            const Samples decoded = decode_clip(*again);
-            EXPECT_TRUE(same_bits(decoded.left, left));
-            EXPECT_TRUE(same_bits(decoded.right, right));
+            EXPECT_FALSE(static_cast<PacketAIFF*>(again->get_packet(again->packet_count - 1))->littleEndian);
         }
     }
 }
@@ -396,7 +239,7 @@ TEST_F(AiffTest, LittleEndianPacketsHandOutBigEndianBytes)
         ASSERT_EQ(p->get_bytes(bytes.data(), gain), 2048);
         for (size_t k = 0; k < 1024; ++k) {
             const int16_t s = static_cast<int16_t>(bytes[2 * k] << 8 | bytes[2 * k + 1]);
-            ASSERT_EQ(s, scaled(ints[k], 16, gain, nullptr)) << "gain " << gain << " sample " << k;
+            ASSERT_EQ(s, scaled(ints[k], 16, gain)) << "gain " << gain << " sample " << k;
         }
     }
 
@@ -411,7 +254,7 @@ TEST_F(AiffTest, LittleEndianPacketsHandOutBigEndianBytes)
         ASSERT_EQ(clip->packet_decode_play(0, out, &err, gain), 1024);
         const float g = gain < 0.0f ? 1.5f : gain;
         for (size_t k = 0; k < 1024; ++k) {
-            const float want = static_cast<float>(scaled(ints[k], 16, g, nullptr)) / 32768.0f * env[k];
+            const float want = static_cast<float>(scaled(ints[k], 16, g)) / 32768.0f * env[k];
             ASSERT_EQ(bits_of(l[k]), bits_of(want)) << "gain " << gain << " frame " << k;
             ASSERT_EQ(bits_of(r[k]), bits_of(want));
         }
@@ -510,12 +353,9 @@ TEST_F(AiffTest, ClipParametersCompatibilityAndEntryPoint)
     float* out[2] = {l.data(), r.data()};
     ASSERT_EQ(decoder->packet_decode(2, out, &err, -1.0f), 512);
     EXPECT_TRUE(same_bits(r, std::vector<float>(all.right.begin() + 1024, all.right.begin() + 1536)));
-    float largest = 0.0f;
-    for (size_t i = 0; i < all.left.size(); ++i)
-        largest = std::max({largest, std::fabs(all.left[i]), std::fabs(all.right[i])});
     std::unique_ptr<Overview> overview(opened->create_overview(nullptr));
-    EXPECT_EQ(overview->find_max_sample(0, opened->packet_count - 1, err), largest);
-    EXPECT_GT(largest, 0.19f);
+    EXPECT_EQ(overview->find_max_sample(0, opened->packet_count - 1, err), largest(all));
+    EXPECT_GT(largest(all), 0.19f);
 }
 
 TEST_F(AiffTest, TranscodesBetweenWidthsAndFormats)

@@ -6,14 +6,13 @@
 #include "core/packet.h"
 #include "pcm/clipaiff.h"
 #include "pcm/packetaiff.h"
-#include "oracle.h"
+#include "pcmcases.h"
 
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <cstdio>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -70,23 +69,7 @@ Bytes patched(Bytes file, const std::vector<Patch>& patches)
     return file;
 }
 
-class AiffEdges : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_FALSE(work.root().empty());
-        kel_set_raw_packet_size(0);
-    }
-    void TearDown() override { kel_set_raw_packet_size(0); }
-
-    std::string put(const std::string& name, const Bytes& bytes)
-    {
-        write_file(work.path(name), bytes);
-        return work.path(name);
-    }
-
-    TempDir work;
-};
+using AiffEdges = PcmFiles;
 
 TEST_F(AiffEdges, EachHeaderFaultHasItsCode)
 {
@@ -206,12 +189,6 @@ TEST_F(AiffEdges, UnusualButValidLayoutsOpenAndSaveAsPlainAiff)
     std::fclose(f);
 }
 
-// 16-bit stereo sample of frame i, channel c, covering the whole range.
-int16_t pattern(int i, int c)
-{
-    return static_cast<int16_t>(static_cast<uint16_t>(i * 977 + c * 12345));
-}
-
 // frames of the pattern as plain AIFF (big-endian) or AIFF-C "sowt", with
 // "SSND" claiming claimed bytes of samples.
 Bytes stereo16(int frames, uint32_t claimed, bool sowt)
@@ -244,12 +221,7 @@ TEST_F(AiffEdges, SoundDataIsCutIntoEqualPackets)
     ASSERT_EQ(clip->packet_count, 3);
     EXPECT_EQ(clip->packet_frame_count(2, nullptr), 1024);
     EXPECT_EQ(clip->get_packet(2)->disk_frame_count(), 452);
-    const Samples s = decode_clip(*clip);
-    ASSERT_EQ(s.left.size(), 3072u);
-    for (int i = 0; i < 3072; ++i) {
-        ASSERT_EQ(bits_of(s.left[i]), bits_of(i < 2500 ? pattern(i, 0) / 32768.0f : 0.0f)) << i;
-        ASSERT_EQ(bits_of(s.right[i]), bits_of(i < 2500 ? pattern(i, 1) / 32768.0f : 0.0f)) << i;
-    }
+    expect_pattern(decode_clip(*clip), 2500, 3072);
     const std::string out = work.path("out.aiff");
     clip->save_to(out.c_str(), nullptr, 0, nullptr, 0, &err, nullptr);
     ASSERT_EQ(err, 0);
@@ -330,26 +302,6 @@ TEST_F(AiffEdges, TwoGibibyteLimits)
     EXPECT_FALSE(file_exists(out));
 }
 
-// Opens a damaged file; any clip must decode every packet within bounds.
-void open_damaged(const std::string& file)
-{
-    int err = 0;
-    ClipPtr clip = open_clip(file, err);
-    if (!clip) {
-        ASSERT_NE(err, 0);
-        return;
-    }
-    ASSERT_EQ(err, 0);
-    ASSERT_GT(clip->packet_count, 0);
-    for (int i = 0; i < clip->packet_count; ++i) {
-        const int n = clip->packet_frame_count(i, nullptr);
-        std::vector<float> l(static_cast<size_t>(n)), r(static_cast<size_t>(n));
-        float* out[2] = {l.data(), r.data()};
-        const int got = clip->packet_decode_play(i, out, &err, -1.0f);
-        ASSERT_TRUE(got == n || got == 0);
-    }
-}
-
 TEST_F(AiffEdges, DamagedFilesEndInAClipOrACode)
 {
     // AIFF-C "NONE" with a named compression, an odd "ANNO" before and a
@@ -371,32 +323,11 @@ TEST_F(AiffEdges, DamagedFilesEndInAClipOrACode)
         write_file(file, valid);
         int err = 0;
         ClipPtr clip = open_clip(file, err);
-        ASSERT_TRUE(clip) << "the undamaged file must open";
+        ASSERT_TRUE(clip);
         EXPECT_EQ(clip->get_packet(0)->disk_frame_count(), 150);
     }
-
-    for (size_t n = 0; n <= std::min<size_t>(512, valid.size()); ++n) {
-        write_file(file, Bytes(valid.begin(), valid.begin() + static_cast<long>(n)));
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "prefix " << n;
-    }
-    for (size_t cut = 1; cut <= 16; ++cut) {
-        write_file(file, Bytes(valid.begin(), valid.end() - static_cast<long>(cut)));
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "minus " << cut;
-    }
-
-    // Random bytes in the headers (everything up to the first samples).
-    const size_t header = valid.size() - 300 - 10;
-    std::mt19937 random(20240612);
-    std::uniform_int_distribution<size_t> where(0, header - 1);
-    std::uniform_int_distribution<int> value(0, 255);
-    std::uniform_int_distribution<int> how_many(1, 4);
-    for (int round = 0; round < 3000; ++round) {
-        Bytes damaged = valid;
-        for (int k = how_many(random); k > 0; --k)
-            damaged[where(random)] = static_cast<unsigned char>(value(random));
-        write_file(file, damaged);
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "round " << round;
-    }
+    // Random bytes go into the headers: everything up to the first samples.
+    expect_damage_handled(valid, valid.size() - 300 - 10, file, 20240612);
 }
 
 } // namespace

@@ -3,16 +3,15 @@
 // ffmpeg decodes them; saved files must satisfy ffprobe and decode to the
 // samples the gain rules predict; clips from float buffers and silent clips
 // must hold the expected samples and leave no temporary file behind.
+#include "common/testsupport.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
 #include "pcm/clipcaff.h"
 #include "pcm/clipwave.h"
 #include "pcm/packetcaff.h"
-#include "oracle.h"
+#include "pcmcases.h"
 
 #include <gtest/gtest.h>
-
-#include <dirent.h>
 
 #include <algorithm>
 #include <cmath>
@@ -27,17 +26,6 @@ using namespace KEL::test;
 
 namespace {
 
-// A stored 16-bit sample after gain and envelope: product in single
-// precision, clamped, truncated toward zero.
-int32_t scaled16(int32_t s, float gain, float envelope, bool with_envelope)
-{
-    float v = static_cast<float>(s) * gain;
-    if (with_envelope)
-        v = envelope * v;
-    v = std::min(std::max(v, -32768.0f), 32767.0f);
-    return static_cast<int32_t>(v);
-}
-
 // A float sample as the 16-bit integer the buffer clips store.
 int16_t to16(float x)
 {
@@ -48,60 +36,21 @@ int16_t to16(float x)
     return static_cast<int16_t>(std::trunc(static_cast<double>(x) * 32768.0));
 }
 
-int open_descriptors()
-{
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr)
-            ++n;
-        closedir(d);
-    }
-    return n;
-}
-
-class CafTest : public ::testing::Test {
+class CafTest : public PcmFiles {
 protected:
-    void SetUp() override
+    std::string caf_file(const std::string& name, const std::string& exprs, int rate, const char* seconds,
+                         const char* codec, bool piped = false)
     {
-        ASSERT_FALSE(work.root().empty());
-        ASSERT_TRUE(tool_runs("ffmpeg", "-version")) << "ffmpeg is required";
-        ASSERT_TRUE(tool_runs("ffprobe", "-version")) << "ffprobe is required";
-        ASSERT_TRUE(tool_runs("sox", "--version")) << "sox is required";
-        kel_set_raw_packet_size(0);
+        return ffmpeg_file(name, exprs, rate, seconds, codec, {"-f", "caf"}, piped);
     }
-    void TearDown() override { kel_set_raw_packet_size(0); }
-
-    std::string path(const std::string& name) const { return work.path(name); }
-
-    // An ffmpeg sine source; output to a pipe makes ffmpeg write a "data"
-    // chunk of unknown size (-1).
-    std::string ffmpeg_file(const std::string& name, const std::string& exprs, int rate, const char* seconds,
-                            const char* codec, bool piped = false)
-    {
-        std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-                                         "aevalsrc=exprs=" + exprs + ":s=" + std::to_string(rate) + ":d=" + seconds,
-                                         "-c:a", codec, "-f", "caf"};
-        argv.push_back(piped ? "pipe:1" : path(name));
-        EXPECT_EQ(run_tool(argv, piped ? path(name) : std::string()), 0) << name;
-        return path(name);
-    }
-
-    Decoded ffmpeg_samples(const std::string& file)
-    {
-        Decoded d;
-        EXPECT_TRUE(ffmpeg_decode(file, d, work.root())) << file;
-        return d;
-    }
-
-    TempDir work;
 };
 
 TEST_F(CafTest, FilesFromPeerToolsDecodeExactlyAsFfmpegDecodesThem)
 {
-    const std::string be_stereo = ffmpeg_file("be2.caf", "'1.2*sin(2*PI*440*t)|0.5*sin(2*PI*223*t+1)'", 44100,
+    const std::string be_stereo = caf_file("be2.caf", "'1.2*sin(2*PI*440*t)|0.5*sin(2*PI*223*t+1)'", 44100,
                                               "0.25", "pcm_s16be");
-    const std::string le_mono = ffmpeg_file("le1.caf", "'0.7*sin(2*PI*300*t)'", 8000, "0.3", "pcm_s16le");
-    const std::string le_piped = ffmpeg_file("pipe.caf", "'0.6*sin(2*PI*50*t)|-0.6*sin(2*PI*51*t)'", 22050,
+    const std::string le_mono = caf_file("le1.caf", "'0.7*sin(2*PI*300*t)'", 8000, "0.3", "pcm_s16le");
+    const std::string le_piped = caf_file("pipe.caf", "'0.6*sin(2*PI*50*t)|-0.6*sin(2*PI*51*t)'", 22050,
                                              "0.2", "pcm_s16le", true);
     const std::string sox_stereo = path("sox2.caf");
     ASSERT_EQ(run_tool({"sox", "-n", "-r", "22050", "-b", "16", "-c", "2", sox_stereo, "synth", "0.1", "sine", "300",
@@ -116,67 +65,26 @@ TEST_F(CafTest, FilesFromPeerToolsDecodeExactlyAsFfmpegDecodesThem)
     const std::string spliced = path("spliced.caf");
     write_file(spliced, spliced_bytes);
 
-    struct Source {
-        const char* what;
-        std::string file, oracle;
-        int channels, rate;
-    };
-    const std::vector<Source> sources = {
-        {"ffmpeg big-endian stereo", be_stereo, be_stereo, 2, 44100},
-        {"ffmpeg little-endian mono", le_mono, le_mono, 1, 8000},
-        {"ffmpeg piped, data size unknown", le_piped, le_piped, 2, 22050},
-        {"sox big-endian stereo with free chunk", sox_stereo, sox_stereo, 2, 22050},
-        {"chunks after data", spliced, le_mono, 1, 8000},
-    };
-    for (const Source& src : sources) {
-        SCOPED_TRACE(src.what);
-        const Decoded want = ffmpeg_samples(src.oracle);
-        ASSERT_EQ(want.channels, src.channels);
-        const long long frames = static_cast<long long>(want.frames());
-        ASSERT_GT(frames, 0);
-
-        int err = -1;
-        ClipPtr clip = open_clip(src.file, err);
-        ASSERT_EQ(err, 0);
-        ASSERT_TRUE(clip);
-        ASSERT_NE(dynamic_cast<ClipCAFF*>(clip.get()), nullptr);
-        _kel_clip_info_t info{};
-        clip->get_info(&info);
-        EXPECT_EQ(info.format, KEL_FORMAT_CAF);
-        EXPECT_EQ(info.channels, src.channels);
-        EXPECT_EQ(info.bits_per_sample, 16);
-        EXPECT_EQ(info.sample_rate, static_cast<float>(src.rate));
-
-        const long long packets = (frames + 1023) / 1024;
-        ASSERT_EQ(clip->packet_count, packets);
-        EXPECT_EQ(clip->get_packet(clip->packet_count - 1)->disk_frame_count(), frames - (packets - 1) * 1024);
-        EXPECT_EQ(clip->get_packet(0)->type(), Packet::TypeCAF);
-
-        std::vector<float> left, right;
-        split(want, left, right);
-        const Samples got = decode_clip(*clip);
-        EXPECT_TRUE(same_bits(got.left, left));
-        EXPECT_TRUE(same_bits(got.right, right));
-
-        _kel_clip_info_t file{};
-        EXPECT_EQ(Clip::file_info(src.file.c_str(), &file, nullptr), 0);
-        EXPECT_EQ(file.format, KEL_FORMAT_CAF);
-        EXPECT_EQ(file.channels, src.channels);
-        EXPECT_NEAR(file.duration, static_cast<double>(frames) / src.rate, 1e-6);
-        EXPECT_NEAR(file.bit_rate, src.rate * src.channels * 16, 2);
-    }
+    for (const PeerSource& src : std::vector<PeerSource>{
+             {"ffmpeg big-endian stereo", be_stereo, be_stereo, 2, 16, 44100},
+             {"ffmpeg little-endian mono", le_mono, le_mono, 1, 16, 8000},
+             {"ffmpeg piped, data size unknown", le_piped, le_piped, 2, 16, 22050},
+             {"sox big-endian stereo with free chunk", sox_stereo, sox_stereo, 2, 16, 22050},
+             {"chunks after data", spliced, le_mono, 1, 16, 8000},
+         })
+        expect_decodes_as_ffmpeg(src, KEL_FORMAT_CAF, Packet::TypeCAF, work.root());
 
     // What ffmpeg writes into CAF but KEL does not read.
     for (const char* codec : {"pcm_s24be", "pcm_f32be", "pcm_alaw"}) {
         int err = 0;
-        EXPECT_FALSE(open_clip(ffmpeg_file("refused.caf", "'0.5'", 8000, "0.05", codec), err)) << codec;
+        EXPECT_FALSE(open_clip(caf_file("refused.caf", "'0.5'", 8000, "0.05", codec), err)) << codec;
         EXPECT_EQ(err, fourcc("Efms")) << codec;
     }
 }
 
 TEST_F(CafTest, SavedFilesSatisfyFfprobeAndDecodeAsPredicted)
 {
-    const std::string le_stereo = ffmpeg_file("le2.caf", "'1.1*sin(2*PI*440*t)|0.5*sin(2*PI*223*t+1)'", 44100,
+    const std::string le_stereo = caf_file("le2.caf", "'1.1*sin(2*PI*440*t)|0.5*sin(2*PI*223*t+1)'", 44100,
                                               "0.2", "pcm_s16le");
     // A whole chunk as the extra block: "free" of 4 bytes.
     const Bytes extra = {'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 4, 1, 2, 3, 4};
@@ -198,29 +106,10 @@ TEST_F(CafTest, SavedFilesSatisfyFfprobeAndDecodeAsPredicted)
         ASSERT_GE(packets, 5);
 
         // Gains on some packets, falling ramps on others.
-        std::vector<float> gains(static_cast<size_t>(packets), 1.0f);
-        std::vector<std::vector<float>> ramps(static_cast<size_t>(packets));
-        if (c.gains) {
-            for (auto [index, gain] : {std::pair<int, float>{1, 0.5f}, {2, 1.7f}, {packets - 1, 0.3f}}) {
-                clip->get_packet(index)->gain = gain;
-                gains[static_cast<size_t>(index)] = gain;
-            }
-        }
-        if (c.envelopes) {
-            for (int index : {2, 3}) {
-                std::vector<float>& ramp = ramps[static_cast<size_t>(index)];
-                for (int k = 0; k < 1024; ++k)
-                    ramp.push_back(1.0f - static_cast<float>(k) / 1024.0f);
-                clip->get_packet(index)->gain_envelope(ramp.data(), 1024);
-            }
-        }
-        std::vector<int32_t> want(ints.size());
-        for (size_t i = 0; i < ints.size(); ++i) {
-            const size_t frame = i / 2;
-            const auto& ramp = ramps[frame / 1024];
-            want[i] = scaled16(ints[i], gains[frame / 1024], ramp.empty() ? 1.0f : ramp[frame % 1024],
-                               !ramp.empty());
-        }
+        const GainPlan plan = apply_plan(*clip, c.gains ? std::vector<std::pair<int, float>>{{1, 0.5f}, {2, 1.7f}, {-1, 0.3f}}
+                                                         : std::vector<std::pair<int, float>>{},
+                                         c.envelopes ? std::vector<int>{2, 3} : std::vector<int>{});
+        const std::vector<int32_t> want = predict(ints, 2, 16, plan);
 
         const std::string out = path("saved.caf");
         const Bytes block = c.with_extra ? extra : Bytes();
@@ -252,19 +141,10 @@ TEST_F(CafTest, SavedFilesSatisfyFfprobeAndDecodeAsPredicted)
         const Decoded saved = ffmpeg_samples(out);
         EXPECT_EQ(integers(saved, 16), want);
 
+        expect_reopens_as(out, *clip, saved);
         ClipPtr again = open_clip(out, err);
         ASSERT_TRUE(again);
-        ASSERT_EQ(again->packet_count, packets);
-        for (int i = 0; i < packets; ++i) {
-            EXPECT_EQ(again->packet_frame_count(i, nullptr), 1024);
-            EXPECT_EQ(again->get_packet(i)->disk_frame_count(), clip->get_packet(i)->disk_frame_count());
-            EXPECT_FALSE(static_cast<PacketCAFF*>(again->get_packet(i))->littleEndian);
-        }
-        std::vector<float> left, right;
-        split(saved, left, right);
-        const Samples decoded = decode_clip(*again);
-        EXPECT_TRUE(same_bits(decoded.left, left));
-        EXPECT_TRUE(same_bits(decoded.right, right));
+        EXPECT_FALSE(static_cast<PacketCAFF*>(again->get_packet(0))->littleEndian);
     }
 }
 
@@ -359,14 +239,14 @@ TEST_F(CafTest, SilenceAndTranscodesInTheFormatOfAnyClip)
     ASSERT_EQ(run_tool({"sox", "-n", "-r", "44100", "-b", "24", "-c", "2", "-t", "wavpcm", wave_file, "synth", "0.1",
                         "sine", "440", "sine", "220"}),
               0);
-    const std::string caf_file = ffmpeg_file("m.caf", "'0.5'", 8000, "0.2", "pcm_s16le");
+    const std::string caf_path = caf_file("m.caf", "'0.5'", 8000, "0.2", "pcm_s16le");
     const int descriptors = open_descriptors();
     {
         PrivateTmpdir tmp;
         int err = 0;
         kel_set_raw_packet_size(441);
         ClipPtr wave = open_clip(wave_file, err);
-        ClipPtr caf = open_clip(caf_file, err);
+        ClipPtr caf = open_clip(caf_path, err);
         kel_set_raw_packet_size(0);
         ASSERT_TRUE(wave);
         ASSERT_TRUE(caf);

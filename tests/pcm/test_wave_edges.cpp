@@ -6,17 +6,15 @@
 #include "core/packet.h"
 #include "pcm/clipwave.h"
 #include "pcm/packetwave.h"
-#include "oracle.h"
+#include "pcmcases.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -76,24 +74,7 @@ Bytes patched(Bytes file, size_t at, const Bytes& bytes)
     return file;
 }
 
-class WaveEdges : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_FALSE(work.root().empty());
-        ASSERT_TRUE(tool_runs("ffprobe", "-version")) << "ffprobe is required";
-        kel_set_raw_packet_size(0);
-    }
-    void TearDown() override { kel_set_raw_packet_size(0); }
-
-    std::string put(const std::string& name, const Bytes& bytes)
-    {
-        write_file(work.path(name), bytes);
-        return work.path(name);
-    }
-
-    TempDir work;
-};
+using WaveEdges = PcmFiles;
 
 TEST_F(WaveEdges, EachHeaderFaultHasItsCode)
 {
@@ -191,12 +172,8 @@ TEST_F(WaveEdges, UnusualButValidLayoutsOpen)
     std::fclose(f);
 }
 
-// 16-bit stereo sample of frame i, channel c, covering the whole range.
-int16_t pattern(int i, int c)
-{
-    return static_cast<int16_t>(static_cast<uint16_t>(i * 977 + c * 12345));
-}
-
+// frames of pattern() as 16-bit stereo at 44100 Hz, "data" claiming
+// claimed_data bytes.
 Bytes stereo16(int frames, uint32_t claimed_data)
 {
     ByteWriter w;
@@ -222,14 +199,7 @@ TEST_F(WaveEdges, PartialLastPacketReportsAFullPacketAndDecodesSilence)
     EXPECT_EQ(clip->get_packet(2)->handle->size, 452 * 4);
     EXPECT_FLOAT_EQ(clip->duration, 3072.0f / 44100.0f);
 
-    const Samples s = decode_clip(*clip);
-    ASSERT_EQ(s.left.size(), 3072u);
-    for (int i = 0; i < 3072; ++i) {
-        const float l = i < 2500 ? pattern(i, 0) / 32768.0f : 0.0f;
-        const float r = i < 2500 ? pattern(i, 1) / 32768.0f : 0.0f;
-        ASSERT_EQ(bits_of(s.left[i]), bits_of(l)) << i;
-        ASSERT_EQ(bits_of(s.right[i]), bits_of(r)) << i;
-    }
+    expect_pattern(decode_clip(*clip), 2500, 3072);
 
     // Saving writes the disk frames only: no silent tail in the file.
     const std::string out = work.path("out.wav");
@@ -419,26 +389,6 @@ TEST_F(WaveEdges, TheHeaderIsWrittenLast)
     EXPECT_EQ(read_file(watch.path), stereo16(40 * 1024, 40 * 4096));
 }
 
-// Opens a damaged file; any clip must decode every packet within bounds.
-void open_damaged(const std::string& file)
-{
-    int err = 0;
-    ClipPtr clip = open_clip(file, err);
-    if (!clip) {
-        ASSERT_NE(err, 0);
-        return;
-    }
-    ASSERT_EQ(err, 0);
-    ASSERT_GT(clip->packet_count, 0);
-    for (int i = 0; i < clip->packet_count; ++i) {
-        const int n = clip->packet_frame_count(i, nullptr);
-        std::vector<float> l(static_cast<size_t>(n)), r(static_cast<size_t>(n));
-        float* out[2] = {l.data(), r.data()};
-        const int got = clip->packet_decode_play(i, out, &err, -1.0f);
-        ASSERT_TRUE(got == n || got == 0);
-    }
-}
-
 TEST_F(WaveEdges, DamagedFilesEndInAClipOrACode)
 {
     // A valid file with chunks around the data: odd LIST, fact, 150 frames
@@ -455,35 +405,8 @@ TEST_F(WaveEdges, DamagedFilesEndInAClipOrACode)
     Bytes valid = w.bytes;
     const uint32_t riff = static_cast<uint32_t>(valid.size() - 8);
     std::copy_n(ByteWriter().le32(riff).bytes.begin(), 4, valid.begin() + 4);
-    const std::string file = work.path("damaged.wav");
-    {
-        write_file(file, valid);
-        int err = 0;
-        ASSERT_TRUE(open_clip(file, err)) << "the undamaged file must open";
-    }
-
-    for (size_t n = 0; n <= std::min<size_t>(512, valid.size()); ++n) {
-        write_file(file, Bytes(valid.begin(), valid.begin() + static_cast<long>(n)));
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "prefix " << n;
-    }
-    for (size_t cut = 1; cut <= 16; ++cut) {
-        write_file(file, Bytes(valid.begin(), valid.end() - static_cast<long>(cut)));
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "minus " << cut;
-    }
-
-    // Random bytes in the headers (everything up to the first samples).
-    const size_t header = valid.size() - 300 - 12;
-    std::mt19937 random(20240611);
-    std::uniform_int_distribution<size_t> where(0, header - 1);
-    std::uniform_int_distribution<int> value(0, 255);
-    std::uniform_int_distribution<int> how_many(1, 4);
-    for (int round = 0; round < 3000; ++round) {
-        Bytes damaged = valid;
-        for (int k = how_many(random); k > 0; --k)
-            damaged[where(random)] = static_cast<unsigned char>(value(random));
-        write_file(file, damaged);
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "round " << round;
-    }
+    // Random bytes go into the headers: everything up to the first samples.
+    expect_damage_handled(valid, valid.size() - 300 - 12, work.path("damaged.wav"), 20240611);
 }
 
 } // namespace

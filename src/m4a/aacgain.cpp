@@ -1,0 +1,386 @@
+#include "m4a/aacgain.h"
+
+#include "core/fourcc.h"
+#include "m4a/aactables.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace KEL {
+
+namespace {
+
+// Syntax element ids of a raw data block.
+constexpr int kSingleChannel = 0;
+constexpr int kChannelPair = 1;
+constexpr int kProgramConfig = 5;
+constexpr int kFill = 6;
+
+// ics_info window_sequence values.
+constexpr int kLongOnly = 0;
+constexpr int kLongStart = 1;
+constexpr int kEightShort = 2;
+
+// Codebooks with a meaning other than spectrum values.
+constexpr int kZeroCodebook = 0;
+constexpr int kEscapeCodebook = 11;
+constexpr int kNoiseCodebook = 13;
+// The first noise band's energy is a plain 9-bit field, not a code word.
+constexpr int kNoiseStartBits = 9;
+
+constexpr int kMaxWindows = 8;
+constexpr int kMaxBands = 64; // max_sfb is at most 6 bits
+
+// A reader whose first error sticks: later reads give 0 and move nothing.
+class Reader {
+public:
+    explicit Reader(Bitstream& bits) : bits_(bits) {}
+
+    int get(int n)
+    {
+        if (error != 0)
+            return 0;
+        int value = 0;
+        while (n > 0 && error == 0) {
+            const int take = std::min(n, 8);
+            value = (value << take) | bits_.get_bits_le8(take, error);
+            n -= take;
+        }
+        return error == 0 ? value : 0;
+    }
+    void skip(long long n)
+    {
+        if (error != 0)
+            return;
+        if (n < 0 || n > 0x7FFFFFFF)
+            error = fourcc("Ebef");
+        else
+            error = bits_.skip_bits(static_cast<int>(n));
+    }
+    void align()
+    {
+        if (error == 0)
+            error = bits_.byte_align();
+    }
+    // Moves the next 8 bits (a global_gain) by steps, 0 left alone.
+    void move_gain(int steps)
+    {
+        if (error != 0)
+            return;
+        const int gain = bits_.peek_8bits(error);
+        if (error != 0 || gain == 0)
+            return;
+        error = bits_.poke_8bits(static_cast<unsigned char>(std::clamp(gain + steps, 0, 255)));
+    }
+    void fail(int code)
+    {
+        if (error == 0)
+            error = code;
+    }
+    Bitstream& bits() { return bits_; }
+
+    int error = 0;
+
+private:
+    Bitstream& bits_;
+};
+
+// The window layout of one channel stream.
+struct IcsInfo {
+    int window_sequence = kLongOnly;
+    int max_sfb = 0;
+    int groups = 1;
+    std::array<int, kMaxWindows> group_windows = {1};
+};
+
+// ics_info; with_mask also reads the mid/side mask of a common window.
+void read_ics_info(Reader& r, IcsInfo& ics, int frequency_index, bool with_mask)
+{
+    r.skip(1); // reserved
+    ics.window_sequence = r.get(2);
+    r.skip(1); // window shape
+    if (ics.window_sequence == kEightShort) {
+        ics.max_sfb = r.get(4);
+        const int grouping = r.get(7);
+        ics.groups = 1;
+        ics.group_windows = {1};
+        for (int bit = 6; bit >= 0; --bit) {
+            if ((grouping >> bit) & 1)
+                ++ics.group_windows[static_cast<size_t>(ics.groups - 1)];
+            else
+                ics.group_windows[static_cast<size_t>(ics.groups++)] = 1;
+        }
+    } else {
+        ics.max_sfb = r.get(6);
+        ics.groups = 1;
+        ics.group_windows = {1};
+        if (r.get(1) != 0) { // predictor data
+            if (r.get(1) == 0)
+                r.skip(std::min(ics.max_sfb, aac_predictor_band_limit(frequency_index)));
+            else
+                r.skip(5);
+        }
+    }
+    if (with_mask && r.get(2) == 1)
+        r.skip(static_cast<long long>(ics.max_sfb) * ics.groups);
+}
+
+struct Section {
+    int codebook;
+    int group;
+    int start;
+    int end;
+};
+
+// Everything of one channel stream after its global_gain and ics_info.
+void skip_channel_body(Reader& r, const IcsInfo& ics, int frequency_index)
+{
+    const bool short_windows = ics.window_sequence == kEightShort;
+    int table_bands = 0;
+    const uint16_t* offsets = short_windows ? aac_short_band_offsets(frequency_index, &table_bands)
+                                            : aac_long_band_offsets(frequency_index, &table_bands);
+    if (ics.max_sfb > table_bands) {
+        r.fail(fourcc("Ebps"));
+        return;
+    }
+
+    // Section data.
+    std::array<unsigned char, kMaxWindows * kMaxBands> band_codebook{};
+    std::array<Section, kMaxWindows * kMaxBands> sections{};
+    int section_count = 0;
+    const int length_bits = short_windows ? 3 : 5;
+    const int escape = (1 << length_bits) - 1;
+    for (int g = 0; g < ics.groups && r.error == 0; ++g) {
+        int band = 0;
+        while (band < ics.max_sfb && r.error == 0) {
+            const int codebook = r.get(4);
+            int length = 0;
+            int increment = escape;
+            while (increment == escape && r.error == 0) {
+                increment = r.get(length_bits);
+                length += increment;
+            }
+            if (r.error != 0)
+                return;
+            if (length == 0 || band + length > ics.max_sfb) {
+                r.fail(fourcc("Ebps"));
+                return;
+            }
+            sections[static_cast<size_t>(section_count++)] = Section{codebook, g, band, band + length};
+            for (int b = band; b < band + length; ++b)
+                band_codebook[static_cast<size_t>(g * kMaxBands + b)] = static_cast<unsigned char>(codebook);
+            band = band + length;
+        }
+    }
+
+    // Scale factors, noise energies and intensity positions.
+    bool noise_started = false;
+    for (int g = 0; g < ics.groups && r.error == 0; ++g) {
+        for (int b = 0; b < ics.max_sfb && r.error == 0; ++b) {
+            const int codebook = band_codebook[static_cast<size_t>(g * kMaxBands + b)];
+            if (codebook == kZeroCodebook)
+                continue;
+            if (codebook == kNoiseCodebook && !noise_started) {
+                noise_started = true;
+                r.skip(kNoiseStartBits);
+            } else {
+                r.fail(skip_scale_factor(r.bits()));
+            }
+        }
+    }
+
+    // Pulse data: count, start band, then offset (5) and amplitude (4).
+    if (r.get(1) != 0) {
+        const int pulses = r.get(2) + 1;
+        r.skip(6);
+        r.skip(9LL * pulses);
+    }
+
+    // Temporal noise shaping.
+    if (r.get(1) != 0) {
+        const int windows = short_windows ? kMaxWindows : 1;
+        for (int w = 0; w < windows && r.error == 0; ++w) {
+            const int filters = r.get(short_windows ? 1 : 2);
+            if (filters == 0)
+                continue;
+            const int resolution = r.get(1);
+            for (int f = 0; f < filters && r.error == 0; ++f) {
+                r.skip(short_windows ? 4 : 6); // length
+                const int order = r.get(short_windows ? 3 : 5);
+                if (order == 0)
+                    continue;
+                r.skip(1); // direction
+                const int compress = r.get(1);
+                r.skip(static_cast<long long>(order) * (3 + resolution - compress));
+            }
+        }
+    }
+
+    // Gain control: per band and window, a 3-bit count, then level (4)
+    // and location bits of each adjustment.
+    if (r.get(1) != 0) {
+        const int bands = r.get(2);
+        for (int bd = 0; bd < bands && r.error == 0; ++bd) {
+            switch (ics.window_sequence) {
+            case kLongOnly:
+                r.skip(9LL * r.get(3));
+                break;
+            case kLongStart:
+                r.skip(8LL * r.get(3));
+                r.skip(6LL * r.get(3));
+                break;
+            case kEightShort:
+                for (int w = 0; w < kMaxWindows && r.error == 0; ++w)
+                    r.skip(6LL * r.get(3));
+                break;
+            default: // long stop
+                r.skip(8LL * r.get(3));
+                r.skip(9LL * r.get(3));
+                break;
+            }
+        }
+    }
+
+    // Spectral data, section by section.
+    for (int s = 0; s < section_count && r.error == 0; ++s) {
+        const Section& sec = sections[static_cast<size_t>(s)];
+        if (sec.codebook == kZeroCodebook || sec.codebook > kEscapeCodebook)
+            continue;
+        const int windows = short_windows ? ics.group_windows[static_cast<size_t>(sec.group)] : 1;
+        const int lines = (offsets[sec.end] - offsets[sec.start]) * windows;
+        const int step = sec.codebook <= 4 ? 4 : 2;
+        for (int k = 0; k < lines && r.error == 0; k += step)
+            r.fail(skip_spectral_data(static_cast<unsigned char>(sec.codebook), r.bits()));
+    }
+}
+
+} // namespace
+
+int aac_gain_steps(float gain)
+{
+    static const double steps_per_decibel = 1.0 / (5.0 * std::log10(2.0));
+    if (gain < 1e-12f)
+        return -255;
+    return static_cast<int>(20.0 * std::log10(static_cast<double>(gain)) * steps_per_decibel + 0.001);
+}
+
+int skip_huffman_code(const int (*tree)[2], Bitstream& bits)
+{
+    int node = 0;
+    for (;;) {
+        int err = 0;
+        const int bit = bits.get_bits_le8(1, err);
+        if (err != 0)
+            return err;
+        const int entry = tree[node][bit];
+        if (entry > 0)
+            node = entry;
+        else
+            return entry == 0 ? 0 : bits.skip_bits(-entry);
+    }
+}
+
+int skip_scale_factor(Bitstream& bits)
+{
+    const int (*tree)[2] = aac_scale_factor_tree();
+    return tree != nullptr ? skip_huffman_code(tree, bits) : fourcc("Ebps");
+}
+
+int skip_spectral_data(unsigned char codebook, Bitstream& bits)
+{
+    if (codebook >= 1 && codebook < kEscapeCodebook) {
+        const int (*tree)[2] = aac_spectrum_tree(codebook);
+        return tree != nullptr ? skip_huffman_code(tree, bits) : fourcc("Ebps");
+    }
+    if (codebook != kEscapeCodebook)
+        return fourcc("Ebps");
+    const int (*tree)[4] = aac_escape_tree();
+    if (tree == nullptr)
+        return fourcc("Ebps");
+    int node = 0;
+    for (;;) {
+        int err = 0;
+        const int bit = bits.get_bits_le8(1, err);
+        if (err != 0)
+            return err;
+        const int entry = tree[node][bit];
+        if (entry > 0) {
+            node = entry;
+            continue;
+        }
+        if (entry < 0 && (err = bits.skip_bits(-entry)) != 0)
+            return err;
+        // Each escaped value: a prefix of 1 bits ended by a 0, then an
+        // (4 + ones)-bit magnitude.
+        for (int escaped = tree[node][2 + bit]; escaped > 0; --escaped) {
+            int width = 4;
+            while (bits.get_bits_le8(1, err) == 1 && err == 0)
+                ++width;
+            if (err != 0)
+                return err;
+            if ((err = bits.skip_bits(width)) != 0)
+                return err;
+        }
+        return 0;
+    }
+}
+
+int adjust_gain(Bitstream& bits, float gain, float sample_rate)
+{
+    const int steps = aac_gain_steps(gain);
+    const int frequency_index = aac_frequency_index(sample_rate);
+    Reader r(bits);
+
+    int id = r.get(3);
+    while ((id == kProgramConfig || id == kFill) && r.error == 0) {
+        if (id == kFill) {
+            // Fill element (an encoder's identification, for instance): a
+            // 4-bit byte count, escaped by 15 into 8 more bits, then the
+            // bytes.
+            int count = r.get(4);
+            if (count == 15)
+                count += r.get(8) - 1;
+            r.skip(8LL * count);
+            id = r.get(3);
+            continue;
+        }
+        r.skip(10); // instance tag, object type, frequency index
+        const int front = r.get(4);
+        const int side = r.get(4);
+        const int back = r.get(4);
+        const int lfe = r.get(2);
+        const int data = r.get(3);
+        const int coupling = r.get(4);
+        for (int mixdown_bits : {4, 4, 3})
+            if (r.get(1) != 0)
+                r.skip(mixdown_bits);
+        r.skip(5LL * (front + side + back) + 4LL * (lfe + data) + 5LL * coupling);
+        r.align();
+        // The comment's length counts bytes; that many bits are skipped.
+        r.skip(r.get(8));
+        id = r.get(3);
+    }
+    if (r.error != 0)
+        return r.error;
+    if (id != kSingleChannel && id != kChannelPair)
+        return fourcc("Ebps");
+    r.skip(4); // instance tag
+
+    IcsInfo ics;
+    const bool common_window = id == kChannelPair && r.get(1) != 0;
+    if (common_window)
+        read_ics_info(r, ics, frequency_index, true);
+    r.move_gain(steps);
+    if (id == kSingleChannel || r.error != 0)
+        return r.error;
+
+    r.skip(8);
+    if (!common_window)
+        read_ics_info(r, ics, frequency_index, false);
+    skip_channel_body(r, ics, frequency_index);
+    r.move_gain(steps);
+    return r.error;
+}
+
+} // namespace KEL

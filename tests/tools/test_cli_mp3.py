@@ -1,0 +1,121 @@
+#!/usr/bin/env python3
+"""The kel tool on MP3 files: cuts and copies keep the source's ID3v2 tag and
+put padding frames (carrying the bit reservoir) in front of the first kept
+frame; gains are written without re-encoding; WAVE converts to MP3 through
+LAME. Outputs are read back with ffprobe and ffmpeg.
+
+usage: test_cli_mp3.py PATH_TO_KEL
+"""
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+KEL = None
+MARKER = b"KEL padding frame"
+
+
+def run(*args):
+    p = subprocess.run([KEL, *map(str, args)], capture_output=True, text=True, timeout=300)
+    for marker in ("Sanitizer", "runtime error"):
+        assert marker not in p.stderr, p.stderr
+    assert p.returncode == 0, f"status {p.returncode}\n{p.stdout}\n{p.stderr}"
+    return p.stdout
+
+
+def probe(*args):
+    return subprocess.run(["ffprobe", "-v", "error", *args], capture_output=True, text=True, check=True).stdout
+
+
+def frame_positions(path):
+    """(pos, size) of every audio frame as ffprobe demuxes the file."""
+    out = probe("-select_streams", "a:0", "-show_entries", "packet=pos,size", "-of", "compact=p=0", path)
+    frames = []
+    for line in out.splitlines():
+        fields = dict(f.split("=", 1) for f in line.split("|") if "=" in f)
+        if "pos" in fields and "size" in fields:
+            frames.append((int(fields["pos"]), int(fields["size"])))
+    return frames
+
+
+def decoded_frames(path):
+    """Sample frames ffmpeg decodes, nothing trimmed; fails on broken frames."""
+    raw = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-err_detect", "crccheck+explode", "-flags2",
+                          "+skip_manual", "-i", path, "-f", "s16le", "-ac", "1", "-"],
+                         capture_output=True, check=True).stdout
+    return len(raw) // 2
+
+
+def id3v2_tag(data):
+    assert data[:3] == b"ID3"
+    size = (data[6] & 0x7F) << 21 | (data[7] & 0x7F) << 14 | (data[8] & 0x7F) << 7 | (data[9] & 0x7F)
+    return data[:10 + size]
+
+
+class Mp3Commands(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.mkdtemp(prefix="kel-cli-mp3.")
+        cls.wav = os.path.join(cls.dir, "noise.wav")
+        subprocess.run(["sox", "-n", "-r", "44100", "-c", "2", "-b", "16", cls.wav, "synth", "3", "sine", "330",
+                        "pinknoise", "gain", "-6"], check=True)
+        cls.mp3 = os.path.join(cls.dir, "noise.mp3")
+        subprocess.run(["lame", "--quiet", "-b", "128", "--id3v2-only", "--tt", "KEL title", cls.wav, cls.mp3],
+                       check=True)
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.dir)
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def test_cut_and_copy_keep_the_tag_and_pad_the_reservoir(self):
+        data = open(self.mp3, "rb").read()
+        tag = id3v2_tag(data)
+        frames = frame_positions(self.mp3)
+        # main_data_begin: 9 bits after the 4-byte header (no CRC here).
+        begins = [data[p + 4] << 1 | data[p + 5] >> 7 for p, _ in frames]
+        k = next(i for i in range(10, len(frames)) if begins[i] > 0)
+
+        for command, first, last, first_kept in (("cut", 0, k - 1, k), ("copy", k, len(frames) - 1, k)):
+            out = self.path(command + ".mp3")
+            text = run(command, self.mp3, "--packets", "--start", first, "--end", last, "-o", out)
+            saved = open(out, "rb").read()
+            self.assertEqual(saved[:len(tag)], tag)
+            self.assertEqual(saved[len(tag) + 36:len(tag) + 40], b"Info")
+            kept = frame_positions(out)
+            # The first real frame, unchanged, behind the padding frames;
+            # the first of those starts its main data with the marker.
+            p, size = frames[first_kept]
+            n = next(j for j, (q, size2) in enumerate(kept) if saved[q:q + size2] == data[p:p + size])
+            self.assertGreaterEqual(n, 1, text)
+            self.assertIn("put %d padding frames" % n, text)
+            self.assertIn(MARKER[:8], saved[kept[0][0]:kept[0][0] + kept[0][1]])
+            padding = kept[:n]
+            self.assertEqual(len(kept), len(padding) + len(frames) - k)
+            self.assertEqual(decoded_frames(out), len(kept) * 1152)
+
+    def test_gain_is_lossless_and_convert_writes_mp3(self):
+        gained = self.path("gain.mp3")
+        run("gain", self.mp3, "--db", 3, "-o", gained)
+        before = frame_positions(self.mp3)
+        after = frame_positions(gained)
+        self.assertEqual([s for _, s in before], [s for _, s in after])
+        self.assertEqual(decoded_frames(gained), len(after) * 1152)
+
+        out = self.path("converted.mp3")
+        run("convert", self.wav, "-o", out, "--bitrate", 96)
+        info = probe("-show_entries", "stream=codec_name,bit_rate,sample_rate,channels", "-of", "csv=p=0", out)
+        self.assertEqual(info.split(), ["mp3,44100,2,96000"])
+        duration = float(probe("-show_entries", "format=duration", "-of", "csv=p=0", out))
+        # 3 s plus LAME's delay and padding: at most three frames more.
+        self.assertGreaterEqual(duration, 3.0)
+        self.assertLessEqual(duration, 3.0 + 3 * 1152 / 44100)
+
+
+if __name__ == "__main__":
+    KEL = sys.argv.pop(1)
+    unittest.main(verbosity=2)
