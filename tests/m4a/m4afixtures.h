@@ -32,7 +32,7 @@ Bytes esds_body(uint32_t max_rate, uint32_t avg_rate, int frequency_index, int c
 Bytes mp4a_entry(uint16_t channels, uint32_t rate_16_16, const Bytes& esds);
 Bytes alac_entry(uint16_t version, uint8_t compatible, uint8_t depth, uint8_t channels, uint32_t rate);
 
-// "ftyp" (major brand, compatible "M4A "), "moov" with one track per spec
+// "ftyp" (major brand, compatible "M4A "), "moov" with one track per track description
 // (its "stsd" holding the entry, if any, then the tables) and an "mdat" of
 // 64 bytes (72 with its header) at the end.
 struct TrackSpec {
