@@ -1,3 +1,4 @@
+#include "pcm/pcmclip.h"
 #include "pcm/clipaiff.h"
 
 #include "core/fourcc.h"
@@ -327,35 +328,12 @@ Clip* ClipAIFF::NewClip(BSFile* file)
 
 void ClipAIFF::get_info(_kel_clip_info_t* info)
 {
-    info->format = KEL_FORMAT_AIFF;
-    info->channels = channels;
-    info->sample_rate = sample_rate;
-    info->bits_per_sample = bits_per_sample;
-    info->bit_rate = bit_rate;
-    info->duration = duration;
-    info->rate_mode = 0;
-    info->mpeg_version = 0;
-    info->stereo_mode = 0;
+    pcm_fill_info(*this, KEL_FORMAT_AIFF, info);
 }
 
 bool ClipAIFF::will_accept(Clip* other, int* err)
 {
-    int code = 0;
-    auto* aiff = dynamic_cast<ClipAIFF*>(other);
-    if (aiff == nullptr) {
-        code = fourcc("Eclt");
-    } else {
-        _kel_clip_info_t mine{};
-        _kel_clip_info_t theirs{};
-        get_info(&mine);
-        aiff->get_info(&theirs);
-        if (mine.channels != theirs.channels || mine.sample_rate != theirs.sample_rate ||
-            mine.bits_per_sample != theirs.bits_per_sample || packetFrames != aiff->packetFrames)
-            code = fourcc("Ecld");
-    }
-    if (err != nullptr)
-        *err = code;
-    return code == 0;
+    return pcm_will_accept(*this, other, err);
 }
 
 Overview* ClipAIFF::create_overview(_kel_overview_progress_t* progress)
@@ -370,26 +348,14 @@ ClipDecoder* ClipAIFF::create_decoder()
 
 ClipEncoder* ClipAIFF::create_encoder(float encoderParam)
 {
-    const int frames = packet_count > 0 ? packets[0]->frame_count : pcm_packet_frames_setting();
-    // Frames times channels times rate times eight, whatever the sample
-    // width: the encoder's figure, not the loader's.
-    const float samples = static_cast<float>(static_cast<long long>(frames) * channels);
-    const int rate = pcm_truncate_to_int(static_cast<double>(samples * sample_rate) * 8.0);
+    int frames = 0;
+    const int rate = pcm_encoder_bit_rate(*this, frames);
     return new ClipEncoderAIFF(encoderParam, channels, sample_rate, bits_per_sample, frames, rate);
 }
 
 int ClipAIFF::packet_decode_play(int index, float** out, int* err, float gain)
 {
-    if (index < 0 || index >= packet_count) {
-        *err = fourcc("EPnm");
-        return 0;
-    }
-    auto* packet = dynamic_cast<PacketAIFF*>(packets[index]);
-    if (packet == nullptr) {
-        *err = fourcc("EILC");
-        return 0;
-    }
-    return packet->decode(out, err, gain);
+    return pcm_decode_play<PacketAIFF>(*this, index, out, err, gain);
 }
 
 int ClipAIFF::save_to(const char* path, const void* extra, int extraLength, const void*, int, int* err,
