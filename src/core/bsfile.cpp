@@ -2,6 +2,7 @@
 
 #include "core/bshandlefile.h"
 #include "core/progress.h"
+#include "core/readahead.h"
 
 #include <array>
 #include <cerrno>
@@ -22,28 +23,6 @@ constexpr int kTableStep = 8192;
 // in-flight reads to drain.
 constexpr useconds_t kDrainPollMicros = 1000;
 
-// Positioned read of up to size bytes; retries on EINTR and on short reads
-// until the request is complete, the file ends or an error occurs. Returns
-// the bytes read.
-int read_at(int fd, void* dest, long long offset, int size)
-{
-    if (fd == -1 || dest == nullptr || size <= 0 || offset < 0)
-        return 0;
-    unsigned char* out = static_cast<unsigned char*>(dest);
-    int done = 0;
-    while (done < size) {
-        const ssize_t got = ::pread(fd, out + done, static_cast<size_t>(size - done),
-                                    static_cast<off_t>(offset + done));
-        if (got > 0) {
-            done += static_cast<int>(got);
-        } else if (got == 0) {
-            break;
-        } else if (errno != EINTR) {
-            break;
-        }
-    }
-    return done;
-}
 
 // Appends size zero bytes to out; used when a range's bytes cannot be
 // buffered, so that the offsets of the ranges after it stay packed.
@@ -91,6 +70,7 @@ bool BSFile::open(const char* path)
         return false;
     file = f;
     fd = ::fileno(f);
+    source_id = ReadAhead::new_source_id();
     return true;
 }
 
@@ -100,6 +80,7 @@ void BSFile::close()
         std::fclose(file);
     file = nullptr;
     fd = -1;
+    source_id = ReadAhead::new_source_id();
     std::free(handles);
     handles = nullptr;
     handle_count = 0;
@@ -205,14 +186,14 @@ int BSFile::get_bytes(void* dest, long long offset, int size)
     if (size <= 0)
         return 0;
     enter_reader();
-    const int got = read_at(fd, dest, offset, size);
+    const int got = ReadAhead::read(fd, source_id, dest, offset, size);
     leave_reader();
     return got;
 }
 
 int BSFile::get_bytes_private(void* dest, long long offset, int size)
 {
-    return read_at(fd, dest, offset, size);
+    return ReadAhead::read_direct(fd, dest, offset, size);
 }
 
 int BSFile::get_handle_bytes(const BSHandleFile* handle, void* dest, int size)
@@ -220,7 +201,7 @@ int BSFile::get_handle_bytes(const BSHandleFile* handle, void* dest, int size)
     if (handle == nullptr || size <= 0)
         return 0;
     enter_reader();
-    const int got = read_at(fd, dest, handle->offset, size);
+    const int got = ReadAhead::read(fd, source_id, dest, handle->offset, size);
     leave_reader();
     return got;
 }
@@ -269,7 +250,7 @@ void BSFile::relocate_into(FILE* tmp, _kel_progress_ext_t* progress)
         if (size > 0 && size <= buffer_size) {
             // Bytes the old file cannot supply stay zero.
             std::memset(buffer, 0, static_cast<size_t>(size));
-            read_at(fd, buffer, handle->offset, size);
+            ReadAhead::read_direct(fd, buffer, handle->offset, size);
             std::fwrite(buffer, 1, static_cast<size_t>(size), tmp);
         } else if (size > 0) {
             write_zeros(tmp, size);
@@ -311,6 +292,7 @@ bool BSFile::clip_gone(_kel_progress_ext_t* progress)
         std::fclose(file);
     file = tmp;
     fd = new_fd;
+    source_id = ReadAhead::new_source_id();
 
     relocating.exchange(0, std::memory_order_seq_cst);
     wake_all();

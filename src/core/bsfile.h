@@ -9,6 +9,7 @@
 #define KEL_CORE_BSFILE_H
 
 #include "kel.h"
+#include "core/readahead.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -62,6 +63,9 @@ public:
 
     FILE* file = nullptr;
     int fd = -1;
+    // Names the file under the store for the read-ahead blocks; replaced
+    // whenever that file changes.
+    unsigned long long source_id = ReadAhead::new_source_id();
     std::atomic<int> readers{0};
     std::atomic<int> relocating{0};
     int handle_count = 0;

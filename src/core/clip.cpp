@@ -12,11 +12,11 @@
 
 namespace KEL {
 
-Clip::Clip() : channels(0), sample_rate(0.0f), bits_per_sample(0), is_vbr(0) {}
+Clip::Clip() : channels(0), sample_rate(0.0f), bits_per_sample(0) {}
 
 Clip::Clip(int channels, float sample_rate, int bits_per_sample, BSFile* file)
     : channels(channels), sample_rate(sample_rate), bits_per_sample(bits_per_sample),
-      backing_file(file), is_vbr(0)
+      backing_file(file)
 {
 }
 
@@ -92,6 +92,7 @@ bool Clip::add_packet(Packet* packet)
         packets = grown;
         packet_capacity = capacity;
     }
+    settle_stream_info();
     packet->retain();
     packets[packet_count++] = packet;
     return true;
@@ -124,30 +125,71 @@ void Clip::UsePackets(Packet** adopted, int count)
 
 void Clip::update_stream_info()
 {
+    stream_info_stale_ = true;
+}
+
+int Clip::is_vbr() const
+{
+    settle_stream_info();
+    return is_vbr_;
+}
+
+float Clip::duration() const
+{
+    settle_stream_info();
+    return duration_;
+}
+
+int Clip::bit_rate() const
+{
+    settle_stream_info();
+    return bit_rate_;
+}
+
+void Clip::set_is_vbr(int vbr)
+{
+    settle_stream_info();
+    is_vbr_ = vbr;
+}
+
+void Clip::settle_stream_info() const
+{
+    if (!stream_info_stale_)
+        return;
+    stream_info_stale_ = false;
     long long total_bytes = 0;
     double seconds = 0.0;
     int common_rate = 0;
     int vbr = 0;
+    // Runs of equal frame counts reuse the last quotient: the same division
+    // gives the same double, and the sum keeps its packet-by-packet order.
+    int last_frames = -1;
+    double last_seconds = 0.0;
+    const double rate = static_cast<double>(sample_rate);
     for (int i = 0; i < packet_count; ++i) {
         const Packet* p = packets[i];
         if (p->handle != nullptr)
             total_bytes += p->handle->size;
-        seconds += static_cast<double>(p->frame_count) / static_cast<double>(sample_rate);
+        if (p->frame_count != last_frames) {
+            last_frames = p->frame_count;
+            last_seconds = static_cast<double>(last_frames) / rate;
+        }
+        seconds += last_seconds;
         if (common_rate == 0)
             common_rate = p->bit_rate;
         else if (p->bit_rate != common_rate)
             vbr = 1;
     }
-    is_vbr = vbr;
-    duration = static_cast<float>(seconds);
+    is_vbr_ = vbr;
+    duration_ = static_cast<float>(seconds);
     if (!vbr && common_rate != 0)
-        bit_rate = common_rate;
-    else if (duration > 0.0f) {
+        bit_rate_ = common_rate;
+    else if (duration_ > 0.0f) {
         // nearbyint rounds half to even in the default rounding mode.
-        const double rate = std::nearbyint(static_cast<double>(total_bytes) * 8.0 / seconds);
-        bit_rate = rate < static_cast<double>(INT_MAX) ? static_cast<int>(rate) : INT_MAX;
+        const double bits_per_second = std::nearbyint(static_cast<double>(total_bytes) * 8.0 / seconds);
+        bit_rate_ = bits_per_second < static_cast<double>(INT_MAX) ? static_cast<int>(bits_per_second) : INT_MAX;
     } else {
-        bit_rate = 0;
+        bit_rate_ = 0;
     }
 }
 

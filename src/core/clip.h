@@ -74,7 +74,18 @@ public:
     // Adopts an array allocated with new[] of count packets, retaining
     // each, and recomputes the statistics. For a clip without an array.
     void UsePackets(Packet** packets, int count);
+    // Marks the statistics below (is_vbr, duration, bit_rate) for
+    // recomputation from the packet array. The walk over every packet runs
+    // on the next read, so a run of edits on a long clip pays for it once.
+    // Packets never change the fields the statistics come from, so the
+    // result equals an immediate recomputation as long as the array is not
+    // changed in between; add_packet settles pending statistics first.
     void update_stream_info();
+    int is_vbr() const;
+    float duration() const;
+    int bit_rate() const;
+    // Overrides the rate mode until the next update_stream_info.
+    void set_is_vbr(int vbr);
     int packet_frame_count(int packet, int* err) const;
 
     // ---- editing: packet references move, audio bytes are never touched ----
@@ -108,9 +119,14 @@ public:
     int packet_capacity = 0;
     Packet** packets = nullptr;
     BSFile* backing_file = nullptr;
-    int is_vbr;
-    float duration = 0.0f;
-    int bit_rate = 0;
+
+private:
+    void settle_stream_info() const;
+
+    mutable bool stream_info_stale_ = false;
+    mutable int is_vbr_ = 0;
+    mutable float duration_ = 0.0f;
+    mutable int bit_rate_ = 0;
 };
 
 } // namespace KEL

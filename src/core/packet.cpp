@@ -13,22 +13,58 @@ namespace {
 
 constexpr int kPairs = Packet::kWaveCacheValues / 2;
 
+// Four floats in one SSE register; the extremes are taken four frames at a
+// time in independent lanes.
+typedef float Lanes __attribute__((vector_size(16)));
+
+Lanes load_lanes(const float* p)
+{
+    Lanes v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
 // Extends one (maximum, minimum) pair over frames [begin, end) and adds the
 // squares of the mono mix to sum. Extremes are clamped to [-1, 1].
+//
+// A value replaces an extreme only when strictly beyond it (NaN never does),
+// so taking the extremes in four lanes and merging them gives exactly the
+// frame-by-frame result. The sum of squares is rounded frame by frame in
+// order, so it stays one sequential chain.
 void extend_pair(float** channels, int begin, int end, float& maximum, float& minimum, float& sum)
 {
     const float* left = channels[0];
     const float* right = channels[1];
+    float total = sum;
     for (int i = begin; i < end; ++i) {
-        const float l = left[i];
-        const float r = right[i];
-        const float mono = (l + r) * 0.5f;
-        sum += mono * mono;
-        maximum = std::max(maximum, std::max(l, r));
-        minimum = std::min(minimum, std::min(l, r));
+        const float mono = (left[i] + right[i]) * 0.5f;
+        total += mono * mono;
     }
-    maximum = std::min(maximum, 1.0f);
-    minimum = std::max(minimum, -1.0f);
+    sum = total;
+
+    Lanes high = {maximum, maximum, maximum, maximum};
+    Lanes low = {minimum, minimum, minimum, minimum};
+    int i = begin;
+    for (; i + 4 <= end; i += 4) {
+        const Lanes l = load_lanes(left + i);
+        const Lanes r = load_lanes(right + i);
+        const Lanes larger = l < r ? r : l;
+        const Lanes smaller = r < l ? r : l;
+        high = high < larger ? larger : high;
+        low = smaller < low ? smaller : low;
+    }
+    float top = maximum;
+    float bottom = minimum;
+    for (int lane = 0; lane < 4; ++lane) {
+        top = std::max(top, high[lane]);
+        bottom = std::min(bottom, low[lane]);
+    }
+    for (; i < end; ++i) {
+        top = std::max(top, std::max(left[i], right[i]));
+        bottom = std::min(bottom, std::min(left[i], right[i]));
+    }
+    maximum = std::min(top, 1.0f);
+    minimum = std::max(bottom, -1.0f);
 }
 
 } // namespace

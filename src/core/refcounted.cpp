@@ -30,10 +30,4 @@ void Refcounted::operator delete(void* p, size_t size, const std::nothrow_t&) no
     ObjectPool::deallocate(p, size);
 }
 
-void Refcounted::release()
-{
-    if (--refcount == 0)
-        delete this;
-}
-
 } // namespace KEL

@@ -20,7 +20,11 @@ public:
 
     void retain() { ++refcount; }
     // Drops one reference and deletes the object when none is left.
-    void release();
+    void release()
+    {
+        if (--refcount == 0)
+            delete this;
+    }
     int retain_count() const { return refcount; }
 
     // Packets and handles come from the small-object pool; the sized

@@ -102,9 +102,9 @@ void ClipM4AAC::get_info(_kel_clip_info_t* info)
     info->channels = channels;
     info->sample_rate = sample_rate;
     info->bits_per_sample = bits_per_sample;
-    info->bit_rate = bit_rate;
-    info->duration = duration;
-    info->rate_mode = is_vbr != 0 ? 2 : 1;
+    info->bit_rate = bit_rate();
+    info->duration = duration();
+    info->rate_mode = is_vbr() != 0 ? 2 : 1;
     info->mpeg_version = 0;
     info->stereo_mode = 0;
 }
@@ -249,7 +249,7 @@ int ClipM4AAC::load(const char* path, M4A_Parser* parser, _kel_progress_ext_t* p
     }
     update_stream_info();
     if (nominal_bit_rate == 0)
-        nominal_bit_rate = M4A_ParserAAC::round_bitrate_to_aac_standard(bit_rate);
+        nominal_bit_rate = M4A_ParserAAC::round_bitrate_to_aac_standard(bit_rate());
     report_progress(progress, 100.0f);
     return code;
 }

@@ -307,9 +307,9 @@ void ClipMP3::get_info(_kel_clip_info_t* info)
     info->channels = channels;
     info->sample_rate = sample_rate;
     info->bits_per_sample = bits_per_sample;
-    info->bit_rate = bit_rate;
-    info->duration = duration;
-    info->rate_mode = is_vbr != 0 ? 2 : 1;
+    info->bit_rate = bit_rate();
+    info->duration = duration();
+    info->rate_mode = is_vbr() != 0 ? 2 : 1;
     switch (type) {
     case Packet::TypeMP3v1:
         info->mpeg_version = 1;

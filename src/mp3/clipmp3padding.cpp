@@ -151,7 +151,7 @@ Clip* ClipMP3::create_padding_clip(int index, int* err)
     // Frame size and header fields.
     const bool mpeg1 = type == Packet::TypeMP3v1;
     const size_t type_slot = static_cast<size_t>(std::min(std::max(type, 3), 5) - 3);
-    const int bit_rate = is_vbr != 0 ? kVbrPaddingRates[type_slot] : target->bit_rate;
+    const int bit_rate = is_vbr() != 0 ? kVbrPaddingRates[type_slot] : target->bit_rate;
     const int rate = static_cast<int>(sample_rate);
     if (rate <= 0 || bit_rate <= 0)
         return fail(fourcc("EUnk"));

@@ -112,7 +112,7 @@ int ClipMP3::save_to(const char* path, const void* block1, int block1_len, const
 ClipEncoder* ClipMP3::create_encoder(float source_rate)
 {
     return new (std::nothrow) ClipEncoderMP3(source_rate, channels, sample_rate, frames_per_packet(),
-                                             nominal_bit_rate, is_vbr != 0,
+                                             nominal_bit_rate, is_vbr() != 0,
                                              static_cast<KELClipStereoMode>(stereo_mode));
 }
 

@@ -321,9 +321,9 @@ ClipAIFF* ClipAIFF::create_empty(int channels, float sampleRate, int bits, int* 
 
 Clip* ClipAIFF::NewClip(BSFile* file)
 {
-    _kel_clip_info_t info{};
-    get_info(&info);
-    return new ClipAIFF(info.channels, info.sample_rate, info.bits_per_sample, packetFrames, file);
+    // The parameters get_info would report, without settling the stream
+    // statistics of a long clip that is only being copied from.
+    return new ClipAIFF(channels, sample_rate, bits_per_sample, packetFrames, file);
 }
 
 void ClipAIFF::get_info(_kel_clip_info_t* info)

@@ -444,9 +444,9 @@ ClipCAFF* ClipCAFF::create_silent(float sampleRate, int count, int frames, int* 
 
 Clip* ClipCAFF::NewClip(BSFile* file)
 {
-    _kel_clip_info_t info{};
-    get_info(&info);
-    return new ClipCAFF(info.channels, info.sample_rate, info.bits_per_sample, packetFrames, file);
+    // The parameters get_info would report, without settling the stream
+    // statistics of a long clip that is only being copied from.
+    return new ClipCAFF(channels, sample_rate, bits_per_sample, packetFrames, file);
 }
 
 void ClipCAFF::get_info(_kel_clip_info_t* info)

@@ -253,9 +253,9 @@ ClipWAVE* ClipWAVE::create_empty(int channels, float sampleRate, int bits, int* 
 
 Clip* ClipWAVE::NewClip(BSFile* file)
 {
-    _kel_clip_info_t info{};
-    get_info(&info);
-    return new ClipWAVE(info.channels, info.sample_rate, info.bits_per_sample, packetFrames, file);
+    // The parameters get_info would report, without settling the stream
+    // statistics of a long clip that is only being copied from.
+    return new ClipWAVE(channels, sample_rate, bits_per_sample, packetFrames, file);
 }
 
 void ClipWAVE::get_info(_kel_clip_info_t* info)

@@ -20,8 +20,8 @@ inline void pcm_fill_info(const Clip& clip, int format, _kel_clip_info_t* info)
     info->channels = clip.channels;
     info->sample_rate = clip.sample_rate;
     info->bits_per_sample = clip.bits_per_sample;
-    info->bit_rate = clip.bit_rate;
-    info->duration = clip.duration;
+    info->bit_rate = clip.bit_rate();
+    info->duration = clip.duration();
     info->rate_mode = 0;
     info->mpeg_version = 0;
     info->stereo_mode = 0;
@@ -37,12 +37,10 @@ bool pcm_will_accept(ClipT& self, Clip* other, int* err)
     if (same == nullptr) {
         code = fourcc("Eclt");
     } else {
-        _kel_clip_info_t mine{};
-        _kel_clip_info_t theirs{};
-        self.get_info(&mine);
-        same->get_info(&theirs);
-        if (mine.channels != theirs.channels || mine.sample_rate != theirs.sample_rate ||
-            mine.bits_per_sample != theirs.bits_per_sample || self.packetFrames != same->packetFrames)
+        // The fields get_info reports, read directly: filling the whole
+        // record would also settle both clips' stream statistics.
+        if (self.channels != same->channels || self.sample_rate != same->sample_rate ||
+            self.bits_per_sample != same->bits_per_sample || self.packetFrames != same->packetFrames)
             code = fourcc("Ecld");
     }
     if (err != nullptr)

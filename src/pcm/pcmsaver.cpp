@@ -6,6 +6,7 @@
 #include "core/packet.h"
 #include "core/progress.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -55,9 +56,9 @@ int PcmSaver::fail(int code)
     return code;
 }
 
-unsigned char* PcmSaver::reserve(int size)
+unsigned char* PcmSaver::reserve(size_t size)
 {
-    const size_t wanted = size > 0 ? static_cast<size_t>(size) : 1;
+    const size_t wanted = std::max(size, kBatchBytes);
     if (wanted > buffer_size_) {
         auto grown = static_cast<unsigned char*>(std::realloc(buffer_, wanted));
         if (grown == nullptr)
@@ -66,6 +67,11 @@ unsigned char* PcmSaver::reserve(int size)
         buffer_size_ = wanted;
     }
     return buffer_;
+}
+
+bool PcmSaver::write_out(size_t count)
+{
+    return count == 0 || std::fwrite(buffer_, 1, count, file_) == count;
 }
 
 int PcmSaver::check_limits(const Clip& clip, int extra_length) const
@@ -91,12 +97,21 @@ int PcmSaver::write_packets(const Clip& clip, _kel_progress_ext_t* progress, boo
 {
     ProgressThrottle throttle(progress);
     const float step = 100.0f / static_cast<float>(clip.packet_count);
+    // Packets are read straight into the batch at fill and go out together
+    // once the next one would not fit.
+    size_t fill = 0;
     for (int i = 0; i < clip.packet_count; ++i) {
         Packet* packet = clip.packets[i];
         const int size = packet->handle != nullptr && packet->handle->size > 0 ? packet->handle->size : 0;
-        unsigned char* bytes = reserve(size);
-        if (bytes == nullptr)
+        const size_t length = static_cast<size_t>(size);
+        if (fill > 0 && fill + length > buffer_size_) {
+            if (!write_out(fill))
+                return fourcc("EIO ");
+            fill = 0;
+        }
+        if (reserve(fill + length) == nullptr)
             return fourcc("EUnk");
+        unsigned char* bytes = buffer_ + fill;
         int frames_in_envelope = 0;
         const int got = packet->gain_envelope(frames_in_envelope) != nullptr
                             ? packet->get_bytes_with_gain_and_envelope(bytes)
@@ -104,17 +119,16 @@ int PcmSaver::write_packets(const Clip& clip, _kel_progress_ext_t* progress, boo
         if (got < size) {
             // Unreadable bytes are saved as silence of the same length, so
             // the file stays whole; the caller hears of it through "Egga".
-            std::memset(bytes, 0, static_cast<size_t>(size));
+            std::memset(bytes, 0, length);
             gap = true;
         }
         if (filter_ && size > 0)
             filter_(bytes, size);
-        if (size > 0 && std::fwrite(bytes, 1, static_cast<size_t>(size), file_) != static_cast<size_t>(size))
-            return fourcc("EIO ");
+        fill += length;
         frames += packet->disk_frame_count();
         (void)throttle.step(step * static_cast<float>(i));
     }
-    return 0;
+    return write_out(fill) ? 0 : fourcc("EIO ");
 }
 
 int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int extra_length,
@@ -126,9 +140,10 @@ int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int ex
     file_ = std::fopen(path, "w+");
     if (file_ == nullptr)
         return open_failure_code(errno);
-    // Packets are written one by one; a large stream buffer turns them into
-    // few large writes.
-    std::setvbuf(file_, nullptr, _IOFBF, 1 << 20);
+    // The packets are gathered into large batches here, so the stream
+    // itself buffers nothing: each batch goes to the file without another
+    // copy.
+    std::setvbuf(file_, nullptr, _IONBF, 0);
 
     if (clip.packet_count <= 0 || clip.packets == nullptr)
         return fail(fourcc("Empt"));
@@ -137,7 +152,7 @@ int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int ex
     if (const int code = check_limits(clip, extra_length))
         return fail(code);
 
-    unsigned char* zeros = reserve(header_bytes_);
+    unsigned char* zeros = reserve(static_cast<size_t>(header_bytes_));
     if (zeros == nullptr)
         return fail(fourcc("EUnk"));
     std::memset(zeros, 0, static_cast<size_t>(header_bytes_));

@@ -58,8 +58,14 @@ private:
     int check_limits(const Clip& clip, int extra_length) const;
     // Writes every packet's bytes; sets gap when a packet read short.
     int write_packets(const Clip& clip, _kel_progress_ext_t* progress, bool& gap, long long& frames);
-    // A scratch buffer of at least size bytes, kept for the next packet.
-    unsigned char* reserve(int size);
+    // Bytes gathered before one write to the file.
+    static constexpr size_t kBatchBytes = 1 << 20;
+
+    // Grows the batch buffer (keeping its bytes) to at least size bytes and
+    // at least one batch; null when memory is short.
+    unsigned char* reserve(size_t size);
+    // Writes the first count bytes of the batch buffer; false on failure.
+    bool write_out(size_t count);
 
     int header_bytes_;
     HeaderWriter write_header_;

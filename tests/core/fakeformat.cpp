@@ -78,8 +78,8 @@ void FakeClip::get_info(_kel_clip_info_t* info)
     info->channels = channels;
     info->sample_rate = sample_rate;
     info->bits_per_sample = bits_per_sample;
-    info->bit_rate = bit_rate;
-    info->duration = duration;
+    info->bit_rate = bit_rate();
+    info->duration = duration();
 }
 
 Overview* FakeClip::create_overview(_kel_overview_progress_t* progress)

@@ -89,7 +89,7 @@ TEST(ClipArray, CopyPacketsAndUsePacketsRetain)
     copy.UsePackets(array, 3);
     EXPECT_EQ(source.packets[0]->retain_count(), 3);
     EXPECT_EQ(copy.packet_capacity, 3);
-    EXPECT_FLOAT_EQ(copy.duration, 0.03f);
+    EXPECT_FLOAT_EQ(copy.duration(), 0.03f);
     for (int i = 0; i < 3; ++i)
         array[i]->release(); // the references copy_packets handed out
     copy.close(nullptr);
@@ -103,9 +103,9 @@ TEST(ClipStats, ConstantRateUsesCommonValue)
     for (int i = 0; i < 4; ++i)
         add(clip, sized_packet(44100.0f, 1152, 417, 128000));
     clip.update_stream_info();
-    EXPECT_EQ(clip.is_vbr, 0);
-    EXPECT_EQ(clip.bit_rate, 128000);
-    EXPECT_FLOAT_EQ(clip.duration, static_cast<float>(4 * 1152 / 44100.0));
+    EXPECT_EQ(clip.is_vbr(), 0);
+    EXPECT_EQ(clip.bit_rate(), 128000);
+    EXPECT_FLOAT_EQ(clip.duration(), static_cast<float>(4 * 1152 / 44100.0));
     clip.close(nullptr);
 }
 
@@ -116,9 +116,9 @@ TEST(ClipStats, OnlyFirstPacketDifferentIsVariable)
     for (int i = 0; i < 3; ++i)
         add(clip, sized_packet(1000.0f, 1000, 1000, 128000));
     clip.update_stream_info();
-    EXPECT_EQ(clip.is_vbr, 1);
+    EXPECT_EQ(clip.is_vbr(), 1);
     // 4000 bytes over 4 seconds: the average, not a packet's rate.
-    EXPECT_EQ(clip.bit_rate, 8000);
+    EXPECT_EQ(clip.bit_rate(), 8000);
     clip.close(nullptr);
 }
 
@@ -133,8 +133,8 @@ TEST(ClipStats, PcmAverageRoundsHalfToEven)
         FakeClip clip(1.0f, 16, nullptr);
         add(clip, sized_packet(1.0f, 16, c.bytes, 0));
         clip.update_stream_info();
-        EXPECT_EQ(clip.is_vbr, 0);
-        EXPECT_EQ(clip.bit_rate, c.expected) << c.bytes;
+        EXPECT_EQ(clip.is_vbr(), 0);
+        EXPECT_EQ(clip.bit_rate(), c.expected) << c.bytes;
         clip.close(nullptr);
     }
 }
@@ -143,9 +143,9 @@ TEST(ClipStats, EmptyClipHasNoRate)
 {
     FakeClip clip(44100.0f, 1024, nullptr);
     clip.update_stream_info();
-    EXPECT_EQ(clip.bit_rate, 0);
-    EXPECT_EQ(clip.duration, 0.0f);
-    EXPECT_EQ(clip.is_vbr, 0);
+    EXPECT_EQ(clip.bit_rate(), 0);
+    EXPECT_EQ(clip.duration(), 0.0f);
+    EXPECT_EQ(clip.is_vbr(), 0);
 }
 
 TEST(ClipStore, CopyOutlivesSourceClipAndSourceFile)

@@ -83,10 +83,10 @@ TEST(ClipCopy, WholeClipSharesPacketsAndStatistics)
     EXPECT_EQ(packets_of(*whole), packets_of(source));
     for (Packet* p : packets_of(source))
         EXPECT_EQ(p->retain_count(), 2);
-    EXPECT_EQ(whole->is_vbr, 1);
-    EXPECT_EQ(whole->is_vbr, source.is_vbr);
-    EXPECT_EQ(whole->duration, source.duration);
-    EXPECT_EQ(whole->bit_rate, source.bit_rate);
+    EXPECT_EQ(whole->is_vbr(), 1);
+    EXPECT_EQ(whole->is_vbr(), source.is_vbr());
+    EXPECT_EQ(whole->duration(), source.duration());
+    EXPECT_EQ(whole->bit_rate(), source.bit_rate());
 
     close_and_delete(whole);
     expect_sole_owner(packets_of(source));
@@ -107,9 +107,9 @@ TEST(ClipCopy, SubrangeStatisticsAreItsOwn)
     EXPECT_EQ(part->packets[0], source.packets[1]);
     EXPECT_EQ(part->packets[1], source.packets[2]);
     // Fake packets carry bit rate 0 and 8 bytes per frame.
-    EXPECT_EQ(part->is_vbr, 0);
-    EXPECT_FLOAT_EQ(part->duration, static_cast<float>(1323.0 / 44100.0));
-    EXPECT_EQ(part->bit_rate, static_cast<int>(std::lround(1323.0 * 8 * 8 / (1323.0 / 44100.0))));
+    EXPECT_EQ(part->is_vbr(), 0);
+    EXPECT_FLOAT_EQ(part->duration(), static_cast<float>(1323.0 / 44100.0));
+    EXPECT_EQ(part->bit_rate(), static_cast<int>(std::lround(1323.0 * 8 * 8 / (1323.0 / 44100.0))));
     close_and_delete(part);
     source.close(nullptr);
 }
@@ -148,8 +148,8 @@ TEST(ClipCut, WholeClipEmptiesTheSource)
     expect_sole_owner(before);
     EXPECT_EQ(clip.packet_count, 0);
     EXPECT_EQ(clip.packet_capacity, 0);
-    EXPECT_EQ(clip.duration, 0.0f);
-    EXPECT_EQ(clip.bit_rate, 0);
+    EXPECT_EQ(clip.duration(), 0.0f);
+    EXPECT_EQ(clip.bit_rate(), 0);
 
     // The emptied clip is still usable: put everything back.
     clip.insert(0, all, &err);
@@ -207,7 +207,7 @@ TEST(ClipCut, ShrinkPolicy)
     cut = grown.cut(1, 1, &err);
     EXPECT_EQ(grown.packet_capacity, 2);
     EXPECT_EQ(packets_of(grown), (std::vector<Packet*>{before[0], before[2]}));
-    EXPECT_FLOAT_EQ(grown.duration, static_cast<float>(12.0 / 44100.0));
+    EXPECT_FLOAT_EQ(grown.duration(), static_cast<float>(12.0 / 44100.0));
     close_and_delete(cut);
     grown.close(nullptr);
 }
@@ -274,7 +274,7 @@ TEST(ClipInsert, ArrayGrowsToExactTotalOrMovesInPlace)
     empty.insert(3, &other, &err);
     EXPECT_EQ(packets_of(empty), packets_of(other));
     EXPECT_EQ(empty.packet_capacity, 3);
-    EXPECT_FLOAT_EQ(empty.duration, static_cast<float>(12.0 / 44100.0));
+    EXPECT_FLOAT_EQ(empty.duration(), static_cast<float>(12.0 / 44100.0));
     empty.close(nullptr);
 
     // An empty clip inserted changes nothing.
@@ -294,13 +294,13 @@ TEST(ClipInsert, RefusalLeavesBothClipsUnchanged)
     fill(other, {10});
     target.refuse_code = fourcc("Ecld");
     const std::vector<Packet*> target_before = packets_of(target);
-    const float duration = target.duration;
+    const float duration = target.duration();
 
     int err = 0;
     target.insert(1, &other, &err);
     EXPECT_EQ(err, fourcc("Ecld"));
     EXPECT_EQ(packets_of(target), target_before);
-    EXPECT_EQ(target.duration, duration);
+    EXPECT_EQ(target.duration(), duration);
     EXPECT_EQ(other.packet_count, 1);
     expect_sole_owner(target_before);
     expect_sole_owner(packets_of(other));
@@ -325,17 +325,17 @@ TEST(ClipInsert, StatisticsReflectTheCombinedPackets)
 
     int err = 0;
     target.insert(1, &same, &err);
-    EXPECT_EQ(target.is_vbr, 0);
-    EXPECT_EQ(target.bit_rate, 128000);
-    EXPECT_FLOAT_EQ(target.duration, static_cast<float>(4 * 1152 / 44100.0));
+    EXPECT_EQ(target.is_vbr(), 0);
+    EXPECT_EQ(target.bit_rate(), 128000);
+    EXPECT_FLOAT_EQ(target.duration(), static_cast<float>(4 * 1152 / 44100.0));
 
     target.insert(0, &faster, &err);
     const double frames = 4 * 1152 + 2 * 576;
     const double seconds = frames / 44100.0;
-    EXPECT_EQ(target.is_vbr, 1);
-    EXPECT_NEAR(target.duration, seconds, 1e-6);
+    EXPECT_EQ(target.is_vbr(), 1);
+    EXPECT_NEAR(target.duration(), seconds, 1e-6);
     // Mixed rates: bytes (8 per frame) times 8 over the seconds.
-    EXPECT_EQ(target.bit_rate, static_cast<int>(std::lround(frames * 8 * 8 / seconds)));
+    EXPECT_EQ(target.bit_rate(), static_cast<int>(std::lround(frames * 8 * 8 / seconds)));
     target.close(nullptr);
     same.close(nullptr);
     faster.close(nullptr);
@@ -361,7 +361,7 @@ TEST(ClipInsert, IntoItself)
         EXPECT_EQ(packets_of(*clip), expected);
         for (Packet* p : before)
             EXPECT_EQ(p->retain_count(), 2);
-        EXPECT_FLOAT_EQ(clip->duration, static_cast<float>(24.0 / 44100.0));
+        EXPECT_FLOAT_EQ(clip->duration(), static_cast<float>(24.0 / 44100.0));
 
         std::vector<float> left, right;
         static_cast<FakeClip*>(clip)->decode_all(left, right);

@@ -78,7 +78,7 @@ TEST(Transcode, SameRateCopiesSamplesExactlyIntoNewPacketSize)
     }
     for (size_t i = sl.size(); i < tl.size(); ++i)
         ASSERT_EQ(tl[i], 0.0f) << "flush pads with silence";
-    EXPECT_NEAR(result->duration, 10240.0f / 44100.0f, 1e-6);
+    EXPECT_NEAR(result->duration(), 10240.0f / 44100.0f, 1e-6);
 }
 
 TEST(Transcode, ResultOutlivesSourceAndAppliesSourceGain)
@@ -108,8 +108,8 @@ TEST(Transcode, RateChangeKeepsDurationWithinOneTargetPacket)
     ClipPtr result(target.transcode(source.get(), 0, source->packet_count - 1, &err, nullptr));
     ASSERT_NE(result, nullptr);
     EXPECT_EQ(err, 0);
-    EXPECT_NEAR(result->duration, source->duration, 1152.0 / 48000.0);
-    EXPECT_GE(result->duration, source->duration);
+    EXPECT_NEAR(result->duration(), source->duration(), 1152.0 / 48000.0);
+    EXPECT_GE(result->duration(), source->duration());
 }
 
 TEST(Transcode, RangeLoopIsBoundedByCountNotLast)

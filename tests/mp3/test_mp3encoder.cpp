@@ -59,7 +59,7 @@ TEST(MP3Encoder, WaveFilesBecomeMp3ClipsOfTheRightShapeAndSound)
         ASSERT_NE(source, nullptr);
         ClipPtr target(ClipMP3::create_empty(c.channels, static_cast<float>(c.target_rate), c.bit_rate, false, &err));
         ASSERT_NE(target, nullptr);
-        target->is_vbr = c.vbr ? 1 : 0;
+        target->set_is_vbr(c.vbr ? 1 : 0);
 
         ClipPtr mp3(target->transcode(source.get(), 0, source->packet_count - 1, &err, nullptr));
         ASSERT_EQ(err, 0);

@@ -168,7 +168,7 @@ TEST(MP3Padding, FramesCarryTheReservoirInTheirMainDataAreas)
     add_frame(vbr, {0xFF, 0xFB, 0x90, 0xC4}, 17, 0, 417, 128000, rng);
     add_frame(vbr, {0xFF, 0xFB, 0x50, 0xC4}, 17, 40, 208, 64000, rng);
     vbr.update_stream_info();
-    ASSERT_EQ(vbr.is_vbr, 1);
+    ASSERT_EQ(vbr.is_vbr(), 1);
     pad = padding_of(vbr, 2, err);
     ASSERT_EQ(pad.frames.size(), 1u);
     EXPECT_EQ(pad.frames[0].size(), 835u);

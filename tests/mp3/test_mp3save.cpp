@@ -112,7 +112,7 @@ TEST(MP3Save, VariableRateStreamsGetAXingFrameAndFadesAreFoldedIntoGains)
     int err = 0;
     ClipPtr clip = open_clip(path, err);
     ASSERT_NE(clip, nullptr);
-    ASSERT_EQ(clip->is_vbr, 1);
+    ASSERT_EQ(clip->is_vbr(), 1);
     const std::string plain = mp3_scratch().path("vbr-saved.mp3");
     ASSERT_EQ(clip->save_to(plain.c_str(), nullptr, 0, nullptr, 0, &err, nullptr), 0);
     const Bytes file = read_file(plain);

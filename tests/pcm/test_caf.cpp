@@ -220,7 +220,7 @@ TEST_F(CafTest, SilentClipsReferToOneSilentPacket)
     EXPECT_EQ(first->retain_count(), 10);
     EXPECT_EQ(silent->channels, 1);
     EXPECT_EQ(silent->sample_rate, 32000.0f);
-    EXPECT_FLOAT_EQ(silent->duration, 11520.0f / 32000.0f);
+    EXPECT_FLOAT_EQ(silent->duration(), 11520.0f / 32000.0f);
     const Samples s = decode_clip(*silent);
     EXPECT_TRUE(same_bits(s.left, std::vector<float>(11520, 0.0f)));
     EXPECT_TRUE(same_bits(s.right, std::vector<float>(11520, 0.0f)));

@@ -279,7 +279,7 @@ TEST_F(WaveTest, ClipParametersCompatibilityDecoderAndOverview)
     EXPECT_EQ(info.bit_rate, 1411200);
     EXPECT_FLOAT_EQ(info.duration, static_cast<float>(opened->packet_count * 512) / 44100.0f);
     EXPECT_EQ(info.rate_mode, 0);
-    EXPECT_EQ(opened->is_vbr, 0);
+    EXPECT_EQ(opened->is_vbr(), 0);
 
     std::unique_ptr<Clip> made(opened->NewClip(nullptr));
     auto* wave = dynamic_cast<ClipWAVE*>(made.get());
@@ -328,7 +328,7 @@ TEST_F(WaveTest, TranscodesIntoOtherWidthsAndRates)
         ASSERT_EQ(err, 0);
         ASSERT_TRUE(result);
         EXPECT_EQ(result->bits_per_sample, 24);
-        EXPECT_FLOAT_EQ(result->duration, source->duration);
+        EXPECT_FLOAT_EQ(result->duration(), source->duration());
         const Samples wide_samples = decode_clip(*result);
         EXPECT_TRUE(same_bits(wide_samples.left, from.left));
         EXPECT_TRUE(same_bits(wide_samples.right, from.right));
@@ -347,7 +347,7 @@ TEST_F(WaveTest, TranscodesIntoOtherWidthsAndRates)
         ASSERT_EQ(err, 0);
         ASSERT_TRUE(half);
         EXPECT_EQ(half->channels, 1);
-        EXPECT_NEAR(half->duration, source->duration, 1024.0 / 22050.0);
+        EXPECT_NEAR(half->duration(), source->duration(), 1024.0 / 22050.0);
         const Samples down = decode_clip(*half);
         EXPECT_TRUE(same_bits(down.right, down.left));
         const size_t n = std::min(down.left.size(), from.left.size() / 2) - 8;

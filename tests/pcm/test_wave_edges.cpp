@@ -197,7 +197,7 @@ TEST_F(WaveEdges, PartialLastPacketReportsAFullPacketAndDecodesSilence)
     EXPECT_EQ(clip->get_packet(0)->disk_frame_count(), 1024);
     EXPECT_EQ(clip->get_packet(2)->disk_frame_count(), 452);
     EXPECT_EQ(clip->get_packet(2)->handle->size, 452 * 4);
-    EXPECT_FLOAT_EQ(clip->duration, 3072.0f / 44100.0f);
+    EXPECT_FLOAT_EQ(clip->duration(), 3072.0f / 44100.0f);
 
     expect_pattern(decode_clip(*clip), 2500, 3072);
 
