@@ -111,7 +111,7 @@ bool is_form_type(const unsigned char* type)
 } // namespace
 
 ClipAIFF::ClipAIFF(int channels, float sampleRate, int bits, int packetFrames, BSFile* file)
-    : Clip(channels, sampleRate, bits, file), packetFrames(packetFrames)
+    : PcmClip(channels, sampleRate, bits, packetFrames, file)
 {
 }
 
@@ -250,18 +250,7 @@ int ClipAIFF::get_file_info(const char* path, _kel_clip_info_t* info, _kel_progr
         return 0;
 
     const int frames = length / ((bits / 8) * channels);
-    const float duration = static_cast<float>(frames) / rate;
-    info->format = KEL_FORMAT_AIFF;
-    info->channels = channels;
-    info->sample_rate = rate;
-    info->bits_per_sample = bits;
-    info->duration = duration;
-    info->bit_rate = duration > 0.0f
-                         ? pcm_truncate_to_int(static_cast<double>(length) * 8.0 / static_cast<double>(duration))
-                         : 0;
-    info->rate_mode = 0;
-    info->mpeg_version = 0;
-    info->stereo_mode = 0;
+    fill_file_info(info, channels, bits, rate, frames, length);
     return 0;
 }
 
@@ -311,51 +300,7 @@ int ClipAIFF::load(const char* path, _kel_progress_ext_t* progress, int channels
 
 ClipAIFF* ClipAIFF::create_empty(int channels, float sampleRate, int bits, int* err)
 {
-    if ((channels != 1 && channels != 2) || sampleRate < 0.0f || (bits != 16 && bits != 24)) {
-        *err = fourcc("Eprm");
-        return nullptr;
-    }
-    *err = 0;
-    return new ClipAIFF(channels, sampleRate, bits, 1024, nullptr);
-}
-
-Clip* ClipAIFF::NewClip(BSFile* file)
-{
-    // The parameters get_info would report, without settling the stream
-    // statistics of a long clip that is only being copied from.
-    return new ClipAIFF(channels, sample_rate, bits_per_sample, packetFrames, file);
-}
-
-void ClipAIFF::get_info(_kel_clip_info_t* info)
-{
-    pcm_fill_info(*this, KEL_FORMAT_AIFF, info);
-}
-
-bool ClipAIFF::will_accept(Clip* other, int* err)
-{
-    return pcm_will_accept(*this, other, err);
-}
-
-Overview* ClipAIFF::create_overview(_kel_overview_progress_t* progress)
-{
-    return new OverviewAIFF(this, progress);
-}
-
-ClipDecoder* ClipAIFF::create_decoder()
-{
-    return new ClipDecoderAIFF(this);
-}
-
-ClipEncoder* ClipAIFF::create_encoder(float encoderParam)
-{
-    int frames = 0;
-    const int rate = pcm_encoder_bit_rate(*this, frames);
-    return new ClipEncoderAIFF(encoderParam, channels, sample_rate, bits_per_sample, frames, rate);
-}
-
-int ClipAIFF::packet_decode_play(int index, float** out, int* err, float gain)
-{
-    return pcm_decode_play<PacketAIFF>(*this, index, out, err, gain);
+    return create_empty_clip(channels, sampleRate, bits, bits == 16 || bits == 24, err);
 }
 
 int ClipAIFF::save_to(const char* path, const void* extra, int extraLength, const void*, int, int* err,

@@ -5,13 +5,17 @@
 #ifndef KEL_PCM_CLIPAIFF_H
 #define KEL_PCM_CLIPAIFF_H
 
-#include "core/clip.h"
+#include "pcm/clipdecoderaiff.h"
+#include "pcm/clipencoderaiff.h"
+#include "pcm/overviewaiff.h"
+#include "pcm/packetaiff.h"
+#include "pcm/pcmclip.h"
 
 #include <cstdio>
 
 namespace KEL {
 
-class KEL_API ClipAIFF : public Clip {
+class KEL_API ClipAIFF : public PcmClip<ClipAIFF, PacketAIFF, OverviewAIFF, ClipDecoderAIFF, ClipEncoderAIFF, KEL_FORMAT_AIFF> {
 public:
     ClipAIFF(int channels, float sampleRate, int bits, int packetFrames, BSFile* file);
     ~ClipAIFF() override;
@@ -21,15 +25,6 @@ public:
     // FORM size; secondBlock is not used.
     int save_to(const char* path, const void* extra, int extraLength, const void* secondBlock,
                 int secondLength, int* err, _kel_progress_ext_t* progress) override;
-    void get_info(_kel_clip_info_t* info) override;
-    Overview* create_overview(_kel_overview_progress_t* progress) override;
-    ClipDecoder* create_decoder() override;
-    ClipEncoder* create_encoder(float encoderParam) override;
-    int packet_decode_play(int index, float** out, int* err, float gain) override;
-    // Only another AIFF clip of the same channels, rate, width and packet
-    // length: "Eclt" for another format, "Ecld" for other parameters.
-    bool will_accept(Clip* other, int* err) override;
-    Clip* NewClip(BSFile* file) override;
 
     // 0 when path starts as an AIFF or AIFF-C form; "Efmu" when not, "Efor"
     // when it cannot be read.
@@ -48,9 +43,6 @@ public:
     // Cuts the sound data into packets on a new backing store of path.
     int load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,
              bool littleEndian, int dataLength, int dataOffset);
-
-    // Frames per packet, fixed when the clip was made.
-    int packetFrames;
 };
 
 // Writes the 54-byte AIFF header at offset 0 (nothing when the seek fails):

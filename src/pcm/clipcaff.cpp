@@ -135,7 +135,7 @@ int write_scratch_file(FILE* f, const std::string& path, const unsigned char* sa
 } // namespace
 
 ClipCAFF::ClipCAFF(int channels, float sampleRate, int bits, int packetFrames, BSFile* file)
-    : Clip(channels, sampleRate, bits, file), packetFrames(packetFrames)
+    : PcmClip(channels, sampleRate, bits, packetFrames, file)
 {
 }
 
@@ -258,18 +258,7 @@ int ClipCAFF::get_file_info(const char* path, _kel_clip_info_t* info, _kel_progr
 
     const long long frame_bytes = static_cast<long long>(bits / 8) * channels;
     const long long frames = length / frame_bytes;
-    const float duration = static_cast<float>(frames) / rate;
-    info->format = KEL_FORMAT_CAF;
-    info->channels = channels;
-    info->sample_rate = rate;
-    info->bits_per_sample = bits;
-    info->duration = duration;
-    info->bit_rate = duration > 0.0f
-                         ? pcm_truncate_to_int(static_cast<double>(length) * 8.0 / static_cast<double>(duration))
-                         : 0;
-    info->rate_mode = 0;
-    info->mpeg_version = 0;
-    info->stereo_mode = 0;
+    fill_file_info(info, channels, bits, rate, frames, length);
     return 0;
 }
 
@@ -325,12 +314,7 @@ int ClipCAFF::cut_packets(const char* path, _kel_progress_ext_t* progress, int c
 
 ClipCAFF* ClipCAFF::create_empty(int channels, float sampleRate, int bits, int* err)
 {
-    if ((channels != 1 && channels != 2) || sampleRate < 0.0f || bits != kBits) {
-        *err = fourcc("Eprm");
-        return nullptr;
-    }
-    *err = 0;
-    return new ClipCAFF(channels, sampleRate, bits, 1024, nullptr);
+    return create_empty_clip(channels, sampleRate, bits, bits == kBits, err);
 }
 
 ClipCAFF* ClipCAFF::create_from_buffer(float** buffers, float sampleRate, int frames, int* err,
@@ -442,43 +426,9 @@ ClipCAFF* ClipCAFF::create_silent(float sampleRate, int count, int frames, int* 
     return clip;
 }
 
-Clip* ClipCAFF::NewClip(BSFile* file)
+int ClipCAFF::encoder_bits() const
 {
-    // The parameters get_info would report, without settling the stream
-    // statistics of a long clip that is only being copied from.
-    return new ClipCAFF(channels, sample_rate, bits_per_sample, packetFrames, file);
-}
-
-void ClipCAFF::get_info(_kel_clip_info_t* info)
-{
-    pcm_fill_info(*this, KEL_FORMAT_CAF, info);
-}
-
-bool ClipCAFF::will_accept(Clip* other, int* err)
-{
-    return pcm_will_accept(*this, other, err);
-}
-
-Overview* ClipCAFF::create_overview(_kel_overview_progress_t* progress)
-{
-    return new OverviewCAFF(this, progress);
-}
-
-ClipDecoder* ClipCAFF::create_decoder()
-{
-    return new ClipDecoderCAFF(this);
-}
-
-ClipEncoder* ClipCAFF::create_encoder(float encoderParam)
-{
-    int frames = 0;
-    const int rate = pcm_encoder_bit_rate(*this, frames);
-    return new ClipEncoderCAFF(encoderParam, channels, sample_rate, kBits, frames, rate);
-}
-
-int ClipCAFF::packet_decode_play(int index, float** out, int* err, float gain)
-{
-    return pcm_decode_play<PacketCAFF>(*this, index, out, err, gain);
+    return kBits;
 }
 
 int ClipCAFF::save_to(const char* path, const void* extra, int extraLength, const void*, int, int* err,

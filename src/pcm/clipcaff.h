@@ -11,13 +11,17 @@
 #ifndef KEL_PCM_CLIPCAFF_H
 #define KEL_PCM_CLIPCAFF_H
 
-#include "core/clip.h"
+#include "pcm/clipdecodercaff.h"
+#include "pcm/clipencodercaff.h"
+#include "pcm/overviewcaff.h"
+#include "pcm/packetcaff.h"
+#include "pcm/pcmclip.h"
 
 #include <cstdio>
 
 namespace KEL {
 
-class KEL_API ClipCAFF : public Clip {
+class KEL_API ClipCAFF : public PcmClip<ClipCAFF, PacketCAFF, OverviewCAFF, ClipDecoderCAFF, ClipEncoderCAFF, KEL_FORMAT_CAF> {
 public:
     ClipCAFF(int channels, float sampleRate, int bits, int packetFrames, BSFile* file);
     ~ClipCAFF() override;
@@ -27,15 +31,6 @@ public:
     // secondBlock is not used by CAF.
     int save_to(const char* path, const void* extra, int extraLength, const void* secondBlock,
                 int secondLength, int* err, _kel_progress_ext_t* progress) override;
-    void get_info(_kel_clip_info_t* info) override;
-    Overview* create_overview(_kel_overview_progress_t* progress) override;
-    ClipDecoder* create_decoder() override;
-    ClipEncoder* create_encoder(float encoderParam) override;
-    int packet_decode_play(int index, float** out, int* err, float gain) override;
-    // Only another CAF clip of the same channels, rate, width and packet
-    // length: "Eclt" for another format, "Ecld" for other parameters.
-    bool will_accept(Clip* other, int* err) override;
-    Clip* NewClip(BSFile* file) override;
 
     // The silent clip of the base (any format) stays reachable next to the
     // static CAF silence below.
@@ -70,8 +65,9 @@ public:
     // count that no packet can hold.
     static ClipCAFF* create_silent(float sampleRate, int count, int frames, int* err);
 
-    // Frames per packet, fixed when the clip was made.
-    int packetFrames;
+protected:
+    // CAF clips encode 16-bit samples only.
+    int encoder_bits() const override;
 
 private:
     // Cuts the data into packets of packetFrames frames.

@@ -74,7 +74,7 @@ uint32_t header_rate(float sampleRate)
 } // namespace
 
 ClipWAVE::ClipWAVE(int channels, float sampleRate, int bits, int packetFrames, BSFile* file)
-    : Clip(channels, sampleRate, bits, file), packetFrames(packetFrames)
+    : PcmClip(channels, sampleRate, bits, packetFrames, file)
 {
 }
 
@@ -183,18 +183,7 @@ int ClipWAVE::get_file_info(const char* path, _kel_clip_info_t* info, _kel_progr
 
     const unsigned int frame_bytes = static_cast<unsigned int>(bits / 8) * static_cast<unsigned int>(channels);
     const unsigned int frames = length / frame_bytes;
-    const float duration = static_cast<float>(frames) / rate;
-    info->format = KEL_FORMAT_WAVE;
-    info->channels = channels;
-    info->sample_rate = rate;
-    info->bits_per_sample = bits;
-    info->duration = duration;
-    info->bit_rate = duration > 0.0f
-                         ? pcm_truncate_to_int(static_cast<double>(length) * 8.0 / static_cast<double>(duration))
-                         : 0;
-    info->rate_mode = 0;
-    info->mpeg_version = 0;
-    info->stereo_mode = 0;
+    fill_file_info(info, channels, bits, rate, frames, length);
     return 0;
 }
 
@@ -243,51 +232,7 @@ int ClipWAVE::load(const char* path, _kel_progress_ext_t* progress, int channels
 
 ClipWAVE* ClipWAVE::create_empty(int channels, float sampleRate, int bits, int* err)
 {
-    if ((channels != 1 && channels != 2) || sampleRate < 0.0f || (bits != 16 && bits != 24)) {
-        *err = fourcc("Eprm");
-        return nullptr;
-    }
-    *err = 0;
-    return new ClipWAVE(channels, sampleRate, bits, 1024, nullptr);
-}
-
-Clip* ClipWAVE::NewClip(BSFile* file)
-{
-    // The parameters get_info would report, without settling the stream
-    // statistics of a long clip that is only being copied from.
-    return new ClipWAVE(channels, sample_rate, bits_per_sample, packetFrames, file);
-}
-
-void ClipWAVE::get_info(_kel_clip_info_t* info)
-{
-    pcm_fill_info(*this, KEL_FORMAT_WAVE, info);
-}
-
-bool ClipWAVE::will_accept(Clip* other, int* err)
-{
-    return pcm_will_accept(*this, other, err);
-}
-
-Overview* ClipWAVE::create_overview(_kel_overview_progress_t* progress)
-{
-    return new OverviewWAVE(this, progress);
-}
-
-ClipDecoder* ClipWAVE::create_decoder()
-{
-    return new ClipDecoderWAVE(this);
-}
-
-ClipEncoder* ClipWAVE::create_encoder(float encoderParam)
-{
-    int frames = 0;
-    const int rate = pcm_encoder_bit_rate(*this, frames);
-    return new ClipEncoderWAVE(encoderParam, channels, sample_rate, bits_per_sample, frames, rate);
-}
-
-int ClipWAVE::packet_decode_play(int index, float** out, int* err, float gain)
-{
-    return pcm_decode_play<PacketWAVE>(*this, index, out, err, gain);
+    return create_empty_clip(channels, sampleRate, bits, bits == 16 || bits == 24, err);
 }
 
 int ClipWAVE::save_to(const char* path, const void* extra, int extraLength, const void*, int, int* err,

@@ -4,13 +4,17 @@
 #ifndef KEL_PCM_CLIPWAVE_H
 #define KEL_PCM_CLIPWAVE_H
 
-#include "core/clip.h"
+#include "pcm/clipdecoderwave.h"
+#include "pcm/clipencoderwave.h"
+#include "pcm/overviewwave.h"
+#include "pcm/packetwave.h"
+#include "pcm/pcmclip.h"
 
 #include <cstdio>
 
 namespace KEL {
 
-class KEL_API ClipWAVE : public Clip {
+class KEL_API ClipWAVE : public PcmClip<ClipWAVE, PacketWAVE, OverviewWAVE, ClipDecoderWAVE, ClipEncoderWAVE, KEL_FORMAT_WAVE> {
 public:
     ClipWAVE(int channels, float sampleRate, int bits, int packetFrames, BSFile* file);
     ~ClipWAVE() override;
@@ -19,15 +23,6 @@ public:
     // header, extra after the audio; secondBlock is not used by WAVE.
     int save_to(const char* path, const void* extra, int extraLength, const void* secondBlock,
                 int secondLength, int* err, _kel_progress_ext_t* progress) override;
-    void get_info(_kel_clip_info_t* info) override;
-    Overview* create_overview(_kel_overview_progress_t* progress) override;
-    ClipDecoder* create_decoder() override;
-    ClipEncoder* create_encoder(float encoderParam) override;
-    int packet_decode_play(int index, float** out, int* err, float gain) override;
-    // Only another WAVE clip of the same channels, rate, width and packet
-    // length: "Eclt" for another format, "Ecld" for other parameters.
-    bool will_accept(Clip* other, int* err) override;
-    Clip* NewClip(BSFile* file) override;
 
     // 0 when path starts as a RIFF WAVE file; "Efmu" when not, "Efor" when
     // it cannot be read.
@@ -45,9 +40,6 @@ public:
     // Cuts the data chunk into packets on a new backing store of path.
     int load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,
              unsigned int dataLength, unsigned int dataOffset);
-
-    // Frames per packet, fixed when the clip was made.
-    int packetFrames;
 };
 
 // Writes the 44-byte canonical header at offset 0 (nothing when the seek

@@ -1,6 +1,4 @@
-// What the three PCM clip classes (WAVE, AIFF, CAF) answer alike: their
-// information record, their compatibility rule, their encoder's packet
-// length and bit rate, and the bounds checks around a packet decode.
+// The base of the three PCM clip classes (WAVE, AIFF, CAF).
 #ifndef KEL_PCM_PCMCLIP_H
 #define KEL_PCM_PCMCLIP_H
 
@@ -12,69 +10,136 @@
 
 namespace KEL {
 
-// The record of a PCM clip: its parameters and stream figures, and zero in
-// the three fields that only the coded formats use.
-inline void pcm_fill_info(const Clip& clip, int format, _kel_clip_info_t* info)
-{
-    info->format = format;
-    info->channels = clip.channels;
-    info->sample_rate = clip.sample_rate;
-    info->bits_per_sample = clip.bits_per_sample;
-    info->bit_rate = clip.bit_rate();
-    info->duration = clip.duration();
-    info->rate_mode = 0;
-    info->mpeg_version = 0;
-    info->stereo_mode = 0;
-}
+// The members the three PCM clip classes (WAVE, AIFF, CAF) share: the
+// information record, the compatibility rule, the encoder's packet length
+// and bit rate, the bounds checks around a packet decode, and the objects a
+// clip makes for itself (a new clip, an overview, a decoder, an encoder).
+// Self is the format's clip class; the other parameters are its packet,
+// overview, decoder and encoder classes and its KEL_FORMAT_* number.
+template <class Self, class PacketT, class OverviewT, class DecoderT, class EncoderT, int kFormat>
+class KEL_API PcmClip : public Clip {
+public:
+    PcmClip(int channels, float sampleRate, int bits, int packetFrames, BSFile* file)
+        : Clip(channels, sampleRate, bits, file), packetFrames(packetFrames)
+    {
+    }
 
-// Another clip of the same class with equal channels, rate, width and
-// packet length: "Eclt" for another class, "Ecld" for other parameters.
-template <class ClipT>
-bool pcm_will_accept(ClipT& self, Clip* other, int* err)
-{
-    int code = 0;
-    auto* same = dynamic_cast<ClipT*>(other);
-    if (same == nullptr) {
-        code = fourcc("Eclt");
-    } else {
-        // The fields get_info reports, read directly: filling the whole
-        // record would also settle both clips' stream statistics.
-        if (self.channels != same->channels || self.sample_rate != same->sample_rate ||
-            self.bits_per_sample != same->bits_per_sample || self.packetFrames != same->packetFrames)
+    // The format number, the parameters and the stream figures, and zero in
+    // the three fields that only the coded formats use.
+    void get_info(_kel_clip_info_t* info) override
+    {
+        info->format = kFormat;
+        info->channels = channels;
+        info->sample_rate = sample_rate;
+        info->bits_per_sample = bits_per_sample;
+        info->bit_rate = bit_rate();
+        info->duration = duration();
+        info->rate_mode = 0;
+        info->mpeg_version = 0;
+        info->stereo_mode = 0;
+    }
+
+    // Another clip of the same class with equal channels, rate, width and
+    // packet length: "Eclt" for another class, "Ecld" for other parameters.
+    bool will_accept(Clip* other, int* err) override
+    {
+        int code = 0;
+        auto* same = dynamic_cast<Self*>(other);
+        if (same == nullptr) {
+            code = fourcc("Eclt");
+        } else if (channels != same->channels || sample_rate != same->sample_rate ||
+                   bits_per_sample != same->bits_per_sample || packetFrames != same->packetFrames) {
+            // The fields get_info reports, read directly: filling the whole
+            // record would also settle both clips' stream statistics.
             code = fourcc("Ecld");
+        }
+        if (err != nullptr)
+            *err = code;
+        return code == 0;
     }
-    if (err != nullptr)
-        *err = code;
-    return code == 0;
-}
 
-// The encoder's packet length (the clip's first packet, else the raw
-// packet size setting) and its bit rate: frames times channels times rate
-// times eight, whatever the sample width — the encoder's figure, not the
-// loader's.
-inline int pcm_encoder_bit_rate(const Clip& clip, int& frames)
-{
-    frames = clip.packet_count > 0 ? clip.packets[0]->frame_count : pcm_packet_frames_setting();
-    const float samples = static_cast<float>(static_cast<long long>(frames) * clip.channels);
-    return pcm_truncate_to_int(static_cast<double>(samples * clip.sample_rate) * 8.0);
-}
+    // The parameters get_info would report, read directly for the same
+    // reason: a long clip that is only being copied from stays unsettled.
+    Clip* NewClip(BSFile* file) override
+    {
+        return new Self(channels, sample_rate, bits_per_sample, packetFrames, file);
+    }
 
-// "EPnm" outside the clip, "EILC" for a packet of another class; otherwise
-// the packet's own decode.
-template <class PacketT>
-int pcm_decode_play(const Clip& clip, int index, float** out, int* err, float gain)
-{
-    if (index < 0 || index >= clip.packet_count) {
-        *err = fourcc("EPnm");
-        return 0;
+    Overview* create_overview(_kel_overview_progress_t* progress) override
+    {
+        return new OverviewT(static_cast<Self*>(this), progress);
     }
-    auto* packet = dynamic_cast<PacketT*>(clip.packets[index]);
-    if (packet == nullptr) {
-        *err = fourcc("EILC");
-        return 0;
+
+    ClipDecoder* create_decoder() override { return new DecoderT(static_cast<Self*>(this)); }
+
+    // Packets as long as the clip's first (else the raw packet size
+    // setting), at frames times channels times rate times eight bits per
+    // second whatever the sample width: the encoder's figure, not the
+    // loader's.
+    ClipEncoder* create_encoder(float encoderParam) override
+    {
+        const int frames = packet_count > 0 ? packets[0]->frame_count : pcm_packet_frames_setting();
+        const float samples = static_cast<float>(static_cast<long long>(frames) * channels);
+        const int rate = pcm_truncate_to_int(static_cast<double>(samples * sample_rate) * 8.0);
+        return new EncoderT(encoderParam, channels, sample_rate, encoder_bits(), frames, rate);
     }
-    return packet->decode(out, err, gain);
-}
+
+    // "EPnm" outside the clip, "EILC" for a packet of another class;
+    // otherwise the packet's own decode.
+    int packet_decode_play(int index, float** out, int* err, float gain) override
+    {
+        if (index < 0 || index >= packet_count) {
+            *err = fourcc("EPnm");
+            return 0;
+        }
+        auto* packet = dynamic_cast<PacketT*>(packets[index]);
+        if (packet == nullptr) {
+            *err = fourcc("EILC");
+            return 0;
+        }
+        return packet->decode(out, err, gain);
+    }
+
+    // An empty clip of 1 or 2 channels and an accepted width ("Eprm"
+    // otherwise) with packets of 1024 frames and no store.
+    static Self* create_empty_clip(int channels, float sampleRate, int bits, bool width_accepted, int* err)
+    {
+        if ((channels != 1 && channels != 2) || sampleRate < 0.0f || !width_accepted) {
+            *err = fourcc("Eprm");
+            return nullptr;
+        }
+        *err = 0;
+        return new Self(channels, sampleRate, bits, 1024, nullptr);
+    }
+
+    // The record get_file_info gives for a file of frames frames in length
+    // bytes of audio data, from the headers alone: the duration in single
+    // precision and the bit rate the data's length gives over it.
+    static void fill_file_info(_kel_clip_info_t* info, int channels, int bits, float rate, long long frames,
+                               long long length)
+    {
+        const float seconds = static_cast<float>(frames) / rate;
+        info->format = kFormat;
+        info->channels = channels;
+        info->sample_rate = rate;
+        info->bits_per_sample = bits;
+        info->duration = seconds;
+        info->bit_rate = seconds > 0.0f
+                             ? pcm_truncate_to_int(static_cast<double>(length) * 8.0 / static_cast<double>(seconds))
+                             : 0;
+        info->rate_mode = 0;
+        info->mpeg_version = 0;
+        info->stereo_mode = 0;
+    }
+
+    // Frames per packet, fixed when the clip was made.
+    int packetFrames;
+
+protected:
+    // The sample width the encoder writes; the clip's own unless the format
+    // has only one.
+    virtual int encoder_bits() const { return bits_per_sample; }
+};
 
 } // namespace KEL
 
