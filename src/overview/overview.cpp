@@ -35,9 +35,13 @@ constexpr float kPercentStep = 0.5f;
 constexpr float kDirtyMinStep = 10.0f;
 constexpr int kDirtyMaxRun = 10;
 
-bool range_is_valid(const Clip* clip, int first, int last)
+// The first fault of a drawing request: "EPnm" for a packet range outside
+// the clip, then "Escl" for fewer than one point; 0 when there is none.
+int request_fault(const Clip* clip, int first, int last, int points)
 {
-    return first >= 0 && last < clip->packet_count && last >= first;
+    if (first < 0 || last >= clip->packet_count || last < first)
+        return fourcc("EPnm");
+    return points < 1 ? fourcc("Escl") : 0;
 }
 
 double wall_clock()
@@ -266,15 +270,9 @@ int Overview::generate(int first, int last, int points, int dirtyRun, float* out
 
 int Overview::generate_normal(int first, int last, int points, float* out, int& err)
 {
-    err = 0;
-    if (!range_is_valid(clip, first, last)) {
-        err = fourcc("EPnm");
+    err = request_fault(clip, first, last, points);
+    if (err != 0)
         return 0;
-    }
-    if (points < 1) {
-        err = fourcc("Escl");
-        return 0;
-    }
     const int n = last - first + 1;
     // Every packet is taken to have the first packet's length.
     const int frames = clip->packet_frame_count(first, nullptr);
@@ -348,11 +346,9 @@ int Overview::generate_normal(int first, int last, int points, float* out, int& 
 
 int Overview::generate_dirty(int first, int last, int points, int dirtyRun, float* out, int& err)
 {
-    err = 0;
-    if (!range_is_valid(clip, first, last)) {
-        err = fourcc("EPnm");
+    err = request_fault(clip, first, last, 1);
+    if (err != 0)
         return 0;
-    }
     if (dirtyRun < 1 || dirtyRun > kDirtyMaxRun) {
         err = fourcc("Eprm");
         return 0;
@@ -404,15 +400,9 @@ int Overview::generate_dirty(int first, int last, int points, int dirtyRun, floa
 
 int Overview::generate_fine(int first, int last, int points, float* out, int& err)
 {
-    err = 0;
-    if (!range_is_valid(clip, first, last)) {
-        err = fourcc("EPnm");
+    err = request_fault(clip, first, last, points);
+    if (err != 0)
         return 0;
-    }
-    if (points < 1) {
-        err = fourcc("Escl");
-        return 0;
-    }
     const int n = last - first + 1;
     const int64_t total = static_cast<int64_t>(clip->packet_frame_count(first, nullptr)) * n;
     const int64_t spp = total / points;
@@ -455,15 +445,9 @@ int Overview::generate_fine(int first, int last, int points, float* out, int& er
 
 int Overview::generate_extra_fine(int first, int last, int points, float* out, int& err)
 {
-    err = 0;
-    if (!range_is_valid(clip, first, last)) {
-        err = fourcc("EPnm");
+    err = request_fault(clip, first, last, points);
+    if (err != 0)
         return 0;
-    }
-    if (points < 1) {
-        err = fourcc("Escl");
-        return 0;
-    }
     const int n = last - first + 1;
     const int64_t total = static_cast<int64_t>(clip->packet_frame_count(first, nullptr)) * n;
     if (total == 0) {
@@ -502,11 +486,9 @@ int Overview::generate_extra_fine(int first, int last, int points, float* out, i
 
 int Overview::generate_rms(int first, int last, float* out, int& err)
 {
-    err = 0;
-    if (!range_is_valid(clip, first, last)) {
-        err = fourcc("EPnm");
+    err = request_fault(clip, first, last, 1);
+    if (err != 0)
         return 0;
-    }
     const int n = last - first + 1;
     WorkMeter meter(*this, kWorkPerBuild, n, false);
     PacketSummary summary;
@@ -527,11 +509,9 @@ int Overview::generate_rms(int first, int last, float* out, int& err)
 
 float Overview::find_max_sample(int first, int last, int& err)
 {
-    err = 0;
-    if (!range_is_valid(clip, first, last)) {
-        err = fourcc("EPnm");
+    err = request_fault(clip, first, last, 1);
+    if (err != 0)
         return 0.0f;
-    }
     const int n = last - first + 1;
     WorkMeter meter(*this, kWorkPerBuild, n, false);
     PacketSummary summary;
