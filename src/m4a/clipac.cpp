@@ -133,6 +133,19 @@ ClipDecoder* ClipAC::create_decoder()
     return decoder;
 }
 
+void ClipAC::fill_info(_kel_clip_info_t* info, int format) const
+{
+    info->format = format;
+    info->channels = channels;
+    info->sample_rate = sample_rate;
+    info->bits_per_sample = bits_per_sample;
+    info->bit_rate = bit_rate();
+    info->duration = duration();
+    info->rate_mode = is_vbr() != 0 ? 2 : 1;
+    info->mpeg_version = 0;
+    info->stereo_mode = 0;
+}
+
 int ClipAC::packet_decode_play(int index, float** out, int* error, float gain)
 {
     // Clips made empty get their packets by editing and have no codec yet.

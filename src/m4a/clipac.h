@@ -69,6 +69,11 @@ public:
     // other properties); non-zero refuses the codec.
     virtual int specific_codec_setup(ComponentInstanceRecord* codec);
 
+    // The information record's fields every coded clip fills alike: the
+    // format number, the parameters, the stream figures and the rate mode
+    // (2 variable, 1 constant); the MPEG version and stereo mode are 0.
+    void fill_info(_kel_clip_info_t* info, int format) const;
+
     // A new, initialized decoder instance, or null.
     ComponentInstanceRecord* create_codec();
     // Creates the playback codec; false when that fails.

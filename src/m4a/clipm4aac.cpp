@@ -98,15 +98,7 @@ int ClipM4AAC::fade_length_fudge_factor()
 
 void ClipM4AAC::get_info(_kel_clip_info_t* info)
 {
-    info->format = KEL_FORMAT_AAC;
-    info->channels = channels;
-    info->sample_rate = sample_rate;
-    info->bits_per_sample = bits_per_sample;
-    info->bit_rate = bit_rate();
-    info->duration = duration();
-    info->rate_mode = is_vbr() != 0 ? 2 : 1;
-    info->mpeg_version = 0;
-    info->stereo_mode = 0;
+    fill_info(info, KEL_FORMAT_AAC);
 }
 
 ClipEncoder* ClipM4AAC::create_encoder(float source_rate)

@@ -159,15 +159,7 @@ int ClipM4ALAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& 
 
 void ClipM4ALAC::get_info(_kel_clip_info_t* info)
 {
-    info->format = KEL_FORMAT_ALAC;
-    info->channels = channels;
-    info->sample_rate = sample_rate;
-    info->bits_per_sample = bits_per_sample;
-    info->bit_rate = bit_rate();
-    info->duration = duration();
-    info->rate_mode = is_vbr() != 0 ? 2 : 1;
-    info->mpeg_version = 0;
-    info->stereo_mode = 0;
+    fill_info(info, KEL_FORMAT_ALAC);
 }
 
 ClipEncoder* ClipM4ALAC::create_encoder(float source_rate)

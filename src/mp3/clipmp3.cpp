@@ -301,29 +301,24 @@ int ClipMP3::fade_length_fudge_factor()
     return 1;
 }
 
-void ClipMP3::get_info(_kel_clip_info_t* info)
+int ClipMP3::mpeg_version() const
 {
-    info->format = KEL_FORMAT_MP3;
-    info->channels = channels;
-    info->sample_rate = sample_rate;
-    info->bits_per_sample = bits_per_sample;
-    info->bit_rate = bit_rate();
-    info->duration = duration();
-    info->rate_mode = is_vbr() != 0 ? 2 : 1;
     switch (type) {
     case Packet::TypeMP3v1:
-        info->mpeg_version = 1;
-        break;
+        return 1;
     case Packet::TypeMP3v2:
-        info->mpeg_version = 2;
-        break;
+        return 2;
     case Packet::TypeMP3v25:
-        info->mpeg_version = 3;
-        break;
+        return 3;
     default:
-        info->mpeg_version = 0;
-        break;
+        return 0;
     }
+}
+
+void ClipMP3::get_info(_kel_clip_info_t* info)
+{
+    fill_info(info, KEL_FORMAT_MP3);
+    info->mpeg_version = mpeg_version();
     info->stereo_mode = stereo_mode;
 }
 
@@ -333,14 +328,11 @@ bool ClipMP3::will_accept(Clip* other, int* err)
     auto* mp3 = dynamic_cast<ClipMP3*>(other);
     if (mp3 == nullptr) {
         code = fourcc("Eclt");
-    } else {
-        _kel_clip_info_t mine{};
-        _kel_clip_info_t theirs{};
-        get_info(&mine);
-        mp3->get_info(&theirs);
-        if (mine.channels != theirs.channels || mine.sample_rate != theirs.sample_rate ||
-            mine.mpeg_version != theirs.mpeg_version || mine.stereo_mode != theirs.stereo_mode)
-            code = fourcc("Ecld");
+    } else if (channels != mp3->channels || sample_rate != mp3->sample_rate ||
+               mpeg_version() != mp3->mpeg_version() || stereo_mode != mp3->stereo_mode) {
+        // The fields the two information records would hold, read directly:
+        // filling the records would also settle both clips' stream figures.
+        code = fourcc("Ecld");
     }
     if (err != nullptr)
         *err = code;

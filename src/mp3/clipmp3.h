@@ -31,6 +31,8 @@ public:
     // the bitstream, then block2 (a trailing tag). See clipmp3save.cpp.
     int save_to(const char* path, const void* block1, int block1_len, const void* block2, int block2_len,
                 int* err, _kel_progress_ext_t* progress) override;
+    // 1, 2 or 3 for MPEG-1, MPEG-2 and MPEG-2.5 clips, 0 for any other type.
+    int mpeg_version() const;
     void get_info(_kel_clip_info_t* info) override;
     // Encodes source packets through LAME into one MP3 stream in a
     // temporary file and opens that file as the new clip.
