@@ -1,6 +1,7 @@
 #include "m4a/aacgain.h"
 
 #include "core/fourcc.h"
+#include "m4a/aacbitreader.h"
 #include "m4a/aactables.h"
 
 #include <algorithm>
@@ -30,61 +31,6 @@ constexpr int kNoiseCodebook = 13;
 constexpr int kNoiseStartBits = 9;
 
 constexpr int kMaxWindows = 8;
-constexpr int kMaxBands = 64; // max_sfb is at most 6 bits
-
-// A reader whose first error sticks: later reads give 0 and move nothing.
-class Reader {
-public:
-    explicit Reader(Bitstream& bits) : bits_(bits) {}
-
-    int get(int n)
-    {
-        if (error != 0)
-            return 0;
-        int value = 0;
-        while (n > 0 && error == 0) {
-            const int take = std::min(n, 8);
-            value = (value << take) | bits_.get_bits_le8(take, error);
-            n -= take;
-        }
-        return error == 0 ? value : 0;
-    }
-    void skip(long long n)
-    {
-        if (error != 0)
-            return;
-        if (n < 0 || n > 0x7FFFFFFF)
-            error = fourcc("Ebef");
-        else
-            error = bits_.skip_bits(static_cast<int>(n));
-    }
-    void align()
-    {
-        if (error == 0)
-            error = bits_.byte_align();
-    }
-    // Moves the next 8 bits (a global_gain) by steps, 0 left alone.
-    void move_gain(int steps)
-    {
-        if (error != 0)
-            return;
-        const int gain = bits_.peek_8bits(error);
-        if (error != 0 || gain == 0)
-            return;
-        error = bits_.poke_8bits(static_cast<unsigned char>(std::clamp(gain + steps, 0, 255)));
-    }
-    void fail(int code)
-    {
-        if (error == 0)
-            error = code;
-    }
-    Bitstream& bits() { return bits_; }
-
-    int error = 0;
-
-private:
-    Bitstream& bits_;
-};
 
 // The window layout of one channel stream.
 struct IcsInfo {
@@ -95,14 +41,14 @@ struct IcsInfo {
 };
 
 // ics_info; with_mask also reads the mid/side mask of a common window.
-void read_ics_info(Reader& r, IcsInfo& ics, int frequency_index, bool with_mask)
+void read_ics_info(AACBitReader& r, IcsInfo& ics, int frequency_index, bool with_mask)
 {
     r.skip(1); // reserved
-    ics.window_sequence = r.get(2);
+    ics.window_sequence = static_cast<int>(r.get(2));
     r.skip(1); // window shape
     if (ics.window_sequence == kEightShort) {
-        ics.max_sfb = r.get(4);
-        const int grouping = r.get(7);
+        ics.max_sfb = static_cast<int>(r.get(4));
+        const int grouping = static_cast<int>(r.get(7));
         ics.groups = 1;
         ics.group_windows = {1};
         for (int bit = 6; bit >= 0; --bit) {
@@ -112,7 +58,7 @@ void read_ics_info(Reader& r, IcsInfo& ics, int frequency_index, bool with_mask)
                 ics.group_windows[static_cast<size_t>(ics.groups++)] = 1;
         }
     } else {
-        ics.max_sfb = r.get(6);
+        ics.max_sfb = static_cast<int>(r.get(6));
         ics.groups = 1;
         ics.group_windows = {1};
         if (r.get(1) != 0) { // predictor data
@@ -123,18 +69,22 @@ void read_ics_info(Reader& r, IcsInfo& ics, int frequency_index, bool with_mask)
         }
     }
     if (with_mask && r.get(2) == 1)
-        r.skip(static_cast<long long>(ics.max_sfb) * ics.groups);
+        r.skip(static_cast<int64_t>(ics.max_sfb) * ics.groups);
 }
 
+// A run of bands of one window group coded with one codebook.
 struct Section {
-    int codebook;
-    int group;
-    int start;
-    int end;
+    uint8_t codebook;
+    uint8_t group;
+    uint8_t start;
+    uint8_t end;
 };
+// Every band of every group in its own section at most: 8 groups of 15
+// short bands, or one group of up to 63 long bands.
+constexpr int kMaxSections = 128;
 
 // Everything of one channel stream after its global_gain and ics_info.
-void skip_channel_body(Reader& r, const IcsInfo& ics, int frequency_index)
+void skip_channel_body(AACBitReader& r, const IcsInfo& ics, int frequency_index)
 {
     const bool short_windows = ics.window_sequence == kEightShort;
     int table_bands = 0;
@@ -145,20 +95,20 @@ void skip_channel_body(Reader& r, const IcsInfo& ics, int frequency_index)
         return;
     }
 
-    // Section data.
-    std::array<unsigned char, kMaxWindows * kMaxBands> band_codebook{};
-    std::array<Section, kMaxWindows * kMaxBands> sections{};
+    // Section data. A section holds at least one band, so the sections of
+    // the groups fit kMaxSections (max_sfb <= 15 for short windows).
+    std::array<Section, kMaxSections> sections;
     int section_count = 0;
     const int length_bits = short_windows ? 3 : 5;
     const int escape = (1 << length_bits) - 1;
     for (int g = 0; g < ics.groups && r.error == 0; ++g) {
         int band = 0;
         while (band < ics.max_sfb && r.error == 0) {
-            const int codebook = r.get(4);
+            const int codebook = static_cast<int>(r.get(4));
             int length = 0;
             int increment = escape;
             while (increment == escape && r.error == 0) {
-                increment = r.get(length_bits);
+                increment = static_cast<int>(r.get(length_bits));
                 length += increment;
             }
             if (r.error != 0)
@@ -167,32 +117,33 @@ void skip_channel_body(Reader& r, const IcsInfo& ics, int frequency_index)
                 r.fail(fourcc("Ebps"));
                 return;
             }
-            sections[static_cast<size_t>(section_count++)] = Section{codebook, g, band, band + length};
-            for (int b = band; b < band + length; ++b)
-                band_codebook[static_cast<size_t>(g * kMaxBands + b)] = static_cast<unsigned char>(codebook);
-            band = band + length;
+            sections[static_cast<size_t>(section_count++)] =
+                Section{static_cast<uint8_t>(codebook), static_cast<uint8_t>(g), static_cast<uint8_t>(band),
+                        static_cast<uint8_t>(band + length)};
+            band += length;
         }
     }
 
-    // Scale factors, noise energies and intensity positions.
+    // Scale factors, noise energies and intensity positions: one per band
+    // of every section whose codebook is not 0, in section order (groups,
+    // then bands).
     bool noise_started = false;
-    for (int g = 0; g < ics.groups && r.error == 0; ++g) {
-        for (int b = 0; b < ics.max_sfb && r.error == 0; ++b) {
-            const int codebook = band_codebook[static_cast<size_t>(g * kMaxBands + b)];
-            if (codebook == kZeroCodebook)
-                continue;
-            if (codebook == kNoiseCodebook && !noise_started) {
-                noise_started = true;
-                r.skip(kNoiseStartBits);
-            } else {
-                r.fail(skip_scale_factor(r.bits()));
-            }
+    for (int s = 0; s < section_count && r.error == 0; ++s) {
+        const Section& sec = sections[static_cast<size_t>(s)];
+        if (sec.codebook == kZeroCodebook)
+            continue;
+        int bands = sec.end - sec.start;
+        if (sec.codebook == kNoiseCodebook && !noise_started) {
+            noise_started = true;
+            r.skip(kNoiseStartBits);
+            --bands;
         }
+        r.skip_codes(0, bands);
     }
 
     // Pulse data: count, start band, then offset (5) and amplitude (4).
     if (r.get(1) != 0) {
-        const int pulses = r.get(2) + 1;
+        const int pulses = static_cast<int>(r.get(2)) + 1;
         r.skip(6);
         r.skip(9LL * pulses);
     }
@@ -201,18 +152,18 @@ void skip_channel_body(Reader& r, const IcsInfo& ics, int frequency_index)
     if (r.get(1) != 0) {
         const int windows = short_windows ? kMaxWindows : 1;
         for (int w = 0; w < windows && r.error == 0; ++w) {
-            const int filters = r.get(short_windows ? 1 : 2);
+            const int filters = static_cast<int>(r.get(short_windows ? 1 : 2));
             if (filters == 0)
                 continue;
-            const int resolution = r.get(1);
+            const int resolution = static_cast<int>(r.get(1));
             for (int f = 0; f < filters && r.error == 0; ++f) {
                 r.skip(short_windows ? 4 : 6); // length
-                const int order = r.get(short_windows ? 3 : 5);
+                const int order = static_cast<int>(r.get(short_windows ? 3 : 5));
                 if (order == 0)
                     continue;
                 r.skip(1); // direction
-                const int compress = r.get(1);
-                r.skip(static_cast<long long>(order) * (3 + resolution - compress));
+                const int compress = static_cast<int>(r.get(1));
+                r.skip(static_cast<int64_t>(order) * (3 + resolution - compress));
             }
         }
     }
@@ -220,7 +171,7 @@ void skip_channel_body(Reader& r, const IcsInfo& ics, int frequency_index)
     // Gain control: per band and window, a 3-bit count, then level (4)
     // and location bits of each adjustment.
     if (r.get(1) != 0) {
-        const int bands = r.get(2);
+        const int bands = static_cast<int>(r.get(2));
         for (int bd = 0; bd < bands && r.error == 0; ++bd) {
             switch (ics.window_sequence) {
             case kLongOnly:
@@ -242,17 +193,72 @@ void skip_channel_body(Reader& r, const IcsInfo& ics, int frequency_index)
         }
     }
 
-    // Spectral data, section by section.
+    // Spectral data, section by section: one code word per 4 lines
+    // (codebooks 1 to 4) or per 2 lines (5 to 11).
     for (int s = 0; s < section_count && r.error == 0; ++s) {
         const Section& sec = sections[static_cast<size_t>(s)];
         if (sec.codebook == kZeroCodebook || sec.codebook > kEscapeCodebook)
             continue;
-        const int windows = short_windows ? ics.group_windows[static_cast<size_t>(sec.group)] : 1;
+        const int windows = short_windows ? ics.group_windows[sec.group] : 1;
         const int lines = (offsets[sec.end] - offsets[sec.start]) * windows;
         const int step = sec.codebook <= 4 ? 4 : 2;
-        for (int k = 0; k < lines && r.error == 0; k += step)
-            r.fail(skip_spectral_data(static_cast<unsigned char>(sec.codebook), r.bits()));
+        r.skip_codes(sec.codebook, (lines + step - 1) / step);
     }
+}
+
+// The walk of adjust_gain over one raw data block.
+void walk_block(AACBitReader& r, int steps, int frequency_index)
+{
+    int id = static_cast<int>(r.get(3));
+    while ((id == kProgramConfig || id == kFill) && r.error == 0) {
+        if (id == kFill) {
+            // Fill element (an encoder's identification, for instance): a
+            // 4-bit byte count, escaped by 15 into 8 more bits, then the
+            // bytes.
+            int count = static_cast<int>(r.get(4));
+            if (count == 15)
+                count += static_cast<int>(r.get(8)) - 1;
+            r.skip(8LL * count);
+            id = static_cast<int>(r.get(3));
+            continue;
+        }
+        r.skip(10); // instance tag, object type, frequency index
+        const int front = static_cast<int>(r.get(4));
+        const int side = static_cast<int>(r.get(4));
+        const int back = static_cast<int>(r.get(4));
+        const int lfe = static_cast<int>(r.get(2));
+        const int data = static_cast<int>(r.get(3));
+        const int coupling = static_cast<int>(r.get(4));
+        for (int mixdown_bits : {4, 4, 3})
+            if (r.get(1) != 0)
+                r.skip(mixdown_bits);
+        r.skip(5LL * (front + side + back) + 4LL * (lfe + data) + 5LL * coupling);
+        r.align();
+        // The comment's length counts bytes; that many bits are skipped.
+        r.skip(r.get(8));
+        id = static_cast<int>(r.get(3));
+    }
+    if (r.error != 0)
+        return;
+    if (id != kSingleChannel && id != kChannelPair) {
+        r.fail(fourcc("Ebps"));
+        return;
+    }
+    r.skip(4); // instance tag
+
+    IcsInfo ics;
+    const bool common_window = id == kChannelPair && r.get(1) != 0;
+    if (common_window)
+        read_ics_info(r, ics, frequency_index, true);
+    r.move_gain(steps);
+    if (id == kSingleChannel || r.error != 0)
+        return;
+
+    r.skip(8);
+    if (!common_window)
+        read_ics_info(r, ics, frequency_index, false);
+    skip_channel_body(r, ics, frequency_index);
+    r.move_gain(steps);
 }
 
 } // namespace
@@ -330,56 +336,9 @@ int adjust_gain(Bitstream& bits, float gain, float sample_rate)
 {
     const int steps = aac_gain_steps(gain);
     const int frequency_index = aac_frequency_index(sample_rate);
-    Reader r(bits);
-
-    int id = r.get(3);
-    while ((id == kProgramConfig || id == kFill) && r.error == 0) {
-        if (id == kFill) {
-            // Fill element (an encoder's identification, for instance): a
-            // 4-bit byte count, escaped by 15 into 8 more bits, then the
-            // bytes.
-            int count = r.get(4);
-            if (count == 15)
-                count += r.get(8) - 1;
-            r.skip(8LL * count);
-            id = r.get(3);
-            continue;
-        }
-        r.skip(10); // instance tag, object type, frequency index
-        const int front = r.get(4);
-        const int side = r.get(4);
-        const int back = r.get(4);
-        const int lfe = r.get(2);
-        const int data = r.get(3);
-        const int coupling = r.get(4);
-        for (int mixdown_bits : {4, 4, 3})
-            if (r.get(1) != 0)
-                r.skip(mixdown_bits);
-        r.skip(5LL * (front + side + back) + 4LL * (lfe + data) + 5LL * coupling);
-        r.align();
-        // The comment's length counts bytes; that many bits are skipped.
-        r.skip(r.get(8));
-        id = r.get(3);
-    }
-    if (r.error != 0)
-        return r.error;
-    if (id != kSingleChannel && id != kChannelPair)
-        return fourcc("Ebps");
-    r.skip(4); // instance tag
-
-    IcsInfo ics;
-    const bool common_window = id == kChannelPair && r.get(1) != 0;
-    if (common_window)
-        read_ics_info(r, ics, frequency_index, true);
-    r.move_gain(steps);
-    if (id == kSingleChannel || r.error != 0)
-        return r.error;
-
-    r.skip(8);
-    if (!common_window)
-        read_ics_info(r, ics, frequency_index, false);
-    skip_channel_body(r, ics, frequency_index);
-    r.move_gain(steps);
+    AACBitReader r(bits);
+    walk_block(r, steps, frequency_index);
+    r.store(bits);
     return r.error;
 }
 

@@ -6,8 +6,8 @@
 // global_gain by S moves every band of the channel by S steps. The block is
 // walked only as far as needed: the first channel's global_gain follows the
 // element header directly; the second channel's (channel pair) lies behind
-// the whole first channel stream, which is skipped with the scale-factor
-// and spectrum Huffman trees of aactables.
+// the whole first channel stream, whose scale factors and spectrum code
+// words are skipped by AACBitReader's look-up tables.
 #ifndef KEL_M4A_AACGAIN_H
 #define KEL_M4A_AACGAIN_H
 
@@ -26,10 +26,15 @@ KEL_API int aac_gain_steps(float gain);
 // before it are passed over); a global_gain of 0 is left as it is, others are moved
 // and clamped to 0..255. 0, "Ebps" for a block that starts with another
 // element or uses a codebook outside the tables, or the reader's error.
+// Reads and writes nothing outside the Bitstream's range (no spare byte is
+// needed after it); on success the Bitstream is left at the last
+// global_gain field.
 KEL_API int adjust_gain(Bitstream& bits, float gain, float sample_rate);
 
 // Advance past one code word of a tree (aactables.h form) with its sign
-// bits; 0 or the reader's error.
+// bits, one bit at a time; 0 or the reader's error. These walk the trees
+// themselves and are the reference for the table-driven skipping of the
+// gain walk.
 KEL_API int skip_huffman_code(const int (*tree)[2], Bitstream& bits);
 KEL_API int skip_scale_factor(Bitstream& bits);
 // One code word of spectrum codebook 1..11, escapes included; "Ebps" for

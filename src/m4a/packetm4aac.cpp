@@ -3,21 +3,9 @@
 #include "m4a/aacgain.h"
 
 #include <cmath>
-#include <cstring>
 #include <new>
-#include <vector>
 
 namespace KEL {
-
-namespace {
-
-// Blocks up to this size are edited in a stack copy; an access unit holds
-// at most 6144 bits per channel, so larger ones are rare.
-constexpr int kStackBytes = 8192;
-// The bit reader may look one byte past the field it reads.
-constexpr int kReaderSpare = 1;
-
-} // namespace
 
 PacketM4AAC::PacketM4AAC(int bit_rate, float sample_rate, int channels, int frames, BSHandle* data)
     : PacketAC(bit_rate, sample_rate, channels, frames, data)
@@ -47,19 +35,10 @@ int PacketM4AAC::get_bytes(void* buffer, float gain)
     if (gain == 1.0f || n <= 0)
         return n;
 
-    // The walk's status is of no use here: the bytes go out either way.
-    unsigned char local[kStackBytes + kReaderSpare];
-    std::vector<unsigned char> heap;
-    unsigned char* copy = local;
-    if (n > kStackBytes) {
-        heap.assign(static_cast<size_t>(n) + kReaderSpare, 0);
-        copy = heap.data();
-    }
-    std::memcpy(copy, buffer, static_cast<size_t>(n));
-    copy[n] = 0;
-    Bitstream bits(copy, n);
+    // The walk is done in place: it reads and writes nothing outside the
+    // n bytes. Its status is of no use here: the bytes go out either way.
+    Bitstream bits(static_cast<unsigned char*>(buffer), n);
     adjust_gain(bits, gain, sample_rate);
-    std::memcpy(buffer, copy, static_cast<size_t>(n));
     return n;
 }
 

@@ -4,13 +4,16 @@
 // ranges of each codebook), and the walk must change exactly the bits of
 // the global_gain fields.
 #include "core/fourcc.h"
+#include "m4a/aacbitreader.h"
 #include "m4a/aacgain.h"
 #include "m4a/aactables.h"
 #include "m4a/packetm4aac.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -78,11 +81,13 @@ void put_code(BitWriter& w, int cb, int index)
     w.put(code, length);
 }
 
-// A random code word of codebook cb with its sign bits and escapes.
-void put_spectral(BitWriter& w, int cb, std::mt19937& rng)
+// Code word index of codebook cb (a random one for -1) with random sign
+// bits and escapes whose prefixes hold up to max_ones 1 bits.
+void put_spectral(BitWriter& w, int cb, std::mt19937& rng, int index = -1, int max_ones = 3)
 {
     const Layout l = layout(cb);
-    const int index = static_cast<int>(rng() % static_cast<unsigned>(aac_codebook_size(cb)));
+    if (index < 0)
+        index = static_cast<int>(rng() % static_cast<unsigned>(aac_codebook_size(cb)));
     put_code(w, cb, index);
     std::vector<int> digits;
     for (int rest = index, i = 0; i < l.values; ++i, rest /= l.range)
@@ -93,10 +98,12 @@ void put_spectral(BitWriter& w, int cb, std::mt19937& rng)
                 w.put(rng() & 1u, 1);
     for (int d : digits) {
         if (cb == 11 && d == 16) {
-            const int extra = static_cast<int>(rng() % 4);
-            w.put((1u << extra) - 1u, extra); // ones
+            const int extra = static_cast<int>(rng() % static_cast<unsigned>(max_ones + 1));
+            for (int one = 0; one < extra; ++one)
+                w.put(1, 1);
             w.put(0, 1);
-            w.put(rng() & ((1u << (4 + extra)) - 1u), 4 + extra);
+            for (int bit = 0; bit < 4 + extra; ++bit)
+                w.put(rng() & 1u, 1);
         }
     }
 }
@@ -379,6 +386,147 @@ TEST(AACGain, ChannelPairsChangeBothFieldsOnly)
             cut.push_back(0);
             Bitstream short_bits(cut.data(), static_cast<int>(cut.size()) - 1);
             EXPECT_EQ(adjust_gain(short_bits, 2.0f, 44100.0f), fourcc("Ebef"));
+        }
+    }
+}
+
+// The table-driven reader of the walk against Bitstream and the one-bit
+// tree walks. Its buffers are exactly as long as the data, so that a read
+// past them shows in the sanitizer build.
+int64_t position_of(const Bitstream& bits)
+{
+    return (bits.current - bits.start) * 8 + bits.bit_offset;
+}
+
+TEST(AACBitReader, FieldsAlignmentAndGainsAsBitstreamHasThem)
+{
+    std::mt19937 rng(3);
+    for (int round = 0; round < 300; ++round) {
+        std::vector<unsigned char> data(1 + rng() % 24);
+        for (auto& byte : data)
+            byte = static_cast<unsigned char>(rng());
+        std::vector<unsigned char> padded = data;
+        padded.push_back(0); // Bitstream reads one byte ahead
+        Bitstream expected(padded.data(), static_cast<int>(data.size()));
+        Bitstream mine(data.data(), static_cast<int>(data.size()));
+        // Start both part-way in, so that the reader continues a Bitstream.
+        const int lead = static_cast<int>(rng() % 8);
+        expected.skip_bits(lead);
+        mine.skip_bits(lead);
+        AACBitReader r(mine);
+        int expected_error = 0;
+        for (int op = 0; op < 12 && expected_error == 0; ++op) {
+            const int kind = static_cast<int>(rng() % 4);
+            const int n = static_cast<int>(rng() % 33);
+            if (kind == 0) {
+                uint32_t value = 0;
+                for (int left = n; left > 0 && expected_error == 0; left -= 8)
+                    value = (value << std::min(left, 8)) |
+                            static_cast<uint32_t>(expected.get_bits_le8(std::min(left, 8), expected_error));
+                const uint32_t got = r.get(n);
+                if (expected_error == 0) {
+                    ASSERT_EQ(got, value);
+                }
+            } else if (kind == 1) {
+                expected_error = expected.skip_bits(n);
+                r.skip(n);
+            } else if (kind == 2) {
+                expected_error = expected.byte_align();
+                r.align();
+            } else {
+                const int steps = static_cast<int>(rng() % 40) - 20;
+                const int gain = expected.peek_8bits(expected_error);
+                if (expected_error == 0 && gain != 0)
+                    expected_error = expected.poke_8bits(static_cast<unsigned char>(std::clamp(gain + steps, 0, 255)));
+                r.move_gain(steps);
+            }
+            ASSERT_EQ(r.error, expected_error) << "round " << round << " op " << op;
+            if (expected_error == 0) {
+                Bitstream stored(data.data(), static_cast<int>(data.size()));
+                r.store(stored);
+                ASSERT_EQ(position_of(stored), position_of(expected));
+                ASSERT_EQ(stored.bytes_left, expected.bytes_left);
+            }
+        }
+        EXPECT_TRUE(std::equal(data.begin(), data.end(), padded.begin())) << "round " << round;
+    }
+}
+
+// Every code word of every codebook once, in random order, with sign bits
+// and escapes (every third with a prefix of up to 70 ones, longer than one
+// 57-bit look-up); runs of any length must end where the writer put the
+// code word boundaries.
+TEST(AACBitReader, SkipsRunsOfCodeWordsToTheirEnds)
+{
+    std::mt19937 rng(17);
+    for (int cb = 0; cb < AACBitReader::kCodebooks; ++cb) {
+        std::vector<int> order(static_cast<size_t>(aac_codebook_size(cb)));
+        std::iota(order.begin(), order.end(), 0);
+        std::shuffle(order.begin(), order.end(), rng);
+        BitWriter w;
+        std::vector<int64_t> ends = {0};
+        for (size_t i = 0; i < order.size(); ++i) {
+            if (cb == 0)
+                put_code(w, 0, order[i]);
+            else
+                put_spectral(w, cb, rng, order[i], i % 3 == 0 ? 70 : 8);
+            ends.push_back(static_cast<int64_t>(w.position()));
+        }
+        std::vector<unsigned char> data = w.bytes(0);
+        const int words = static_cast<int>(order.size());
+        for (int count = 1; count <= words; ++count) {
+            Bitstream bits(data.data(), static_cast<int>(data.size()));
+            AACBitReader r(bits);
+            r.skip_codes(cb, count);
+            ASSERT_EQ(r.error, 0) << "codebook " << cb << " count " << count;
+            ASSERT_EQ(r.position(), ends[static_cast<size_t>(count)]) << "codebook " << cb << " count " << count;
+        }
+        // One more code word than the data holds runs into the end.
+        Bitstream bits(data.data(), static_cast<int>(data.size()));
+        AACBitReader r(bits);
+        r.skip_codes(cb, words + 8);
+        EXPECT_EQ(r.error, fourcc("Ebef")) << "codebook " << cb;
+    }
+    std::vector<unsigned char> data(4, 0);
+    for (int cb : {-1, 12}) {
+        Bitstream bits(data.data(), 4);
+        AACBitReader r(bits);
+        r.skip_codes(cb, 1);
+        EXPECT_EQ(r.error, fourcc("Ebps"));
+    }
+}
+
+// Random bits, cut anywhere: the tree walk's code word ends, and its error
+// where the bits run out, are the reader's for every count.
+TEST(AACBitReader, RandomBitsEndLikeTheTreeWalk)
+{
+    std::mt19937 rng(23);
+    for (int cb = 0; cb < AACBitReader::kCodebooks; ++cb) {
+        for (int round = 0; round < 40; ++round) {
+            std::vector<unsigned char> data(1 + rng() % 40);
+            for (auto& byte : data)
+                byte = static_cast<unsigned char>(rng() & rng()); // more 0 bits: shorter codes
+            std::vector<unsigned char> padded = data;
+            padded.push_back(0);
+            Bitstream walk(padded.data(), static_cast<int>(data.size()));
+            std::vector<int64_t> ends = {0};
+            int error = 0;
+            while (error == 0) {
+                error = cb == 0 ? skip_scale_factor(walk) : skip_spectral_data(static_cast<unsigned char>(cb), walk);
+                if (error == 0)
+                    ends.push_back(position_of(walk));
+            }
+            for (size_t count = 1; count <= ends.size(); ++count) {
+                Bitstream bits(data.data(), static_cast<int>(data.size()));
+                AACBitReader r(bits);
+                r.skip_codes(cb, static_cast<int>(count));
+                if (count < ends.size()) {
+                    ASSERT_EQ(r.error, 0) << "codebook " << cb << " count " << count;
+                    ASSERT_EQ(r.position(), ends[count]) << "codebook " << cb << " count " << count;
+                } else {
+                    ASSERT_EQ(r.error, error) << "codebook " << cb;
+                }
+            }
         }
     }
 }
