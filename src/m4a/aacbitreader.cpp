@@ -35,6 +35,8 @@ constexpr int kMaxLevelBits = 10;
 constexpr int kMaxDepth = 32;
 // Code words in one run at most (the field holds 5 bits).
 constexpr int kMaxRun = 31;
+// Bits one 64-bit load holds at least, whatever the bit offset.
+constexpr int kLoadBits = 57;
 
 uint32_t leaf_entry(int first_bits, int escapes, int run_bits, int run_count)
 {
@@ -143,8 +145,24 @@ int depth_below(const TreeView& tree, int node, int depth = 0)
     return deepest;
 }
 
+// The most bits a code word below node takes with its sign bits, depth
+// bits already followed; the tree is known to be sound.
+int widest_code(const TreeView& tree, int node, int depth = 0)
+{
+    int widest = 0;
+    for (int bit = 0; bit < 2; ++bit) {
+        const int entry = tree.child(node, bit);
+        widest = std::max(widest, entry > 0 ? widest_code(tree, entry, depth + 1) : depth + 1 - entry);
+    }
+    return widest;
+}
+
 struct CodeTable {
     int root_bits = 0;
+    // Look-ups that one load always serves: kLoadBits over the most bits
+    // one look-up can take (a run, or the longest code word with its sign
+    // bits; escapes are read apart).
+    int per_load = 1;
     std::vector<uint32_t> entries; // root first, then the deeper levels
 };
 
@@ -194,7 +212,12 @@ CodeTable build_table(const TreeView& tree)
     table.root_bits = std::min(depth, AACBitReader::kRootBits);
     table.entries.assign(size_t{1} << table.root_bits, 0);
     if (!fill(table, tree, 0, table.root_bits, 0, true))
-        table = CodeTable();
+        return CodeTable();
+    int widest = widest_code(tree, 0);
+    for (size_t index = 0; index < (size_t{1} << table.root_bits); ++index)
+        if ((table.entries[index] & kLink) == 0)
+            widest = std::max(widest, run_bits_of(table.entries[index]));
+    table.per_load = std::max(1, kLoadBits / widest);
     return table;
 }
 
@@ -318,12 +341,6 @@ void AACBitReader::skip_codes(int codebook, int count)
     }
     const uint32_t* entries = table.entries.data();
     const int shift = 64 - table.root_bits;
-    // One load gives at least 57 bits. After a look-up that leaves at most
-    // kReloadAfter bits used, the next code word (23 bits at most: 19 for
-    // the longest scale factor, 16 and 4 sign bits for the spectrum) is
-    // still inside them.
-    constexpr int kLoadBits = 57;
-    constexpr int kReloadAfter = 34;
     int64_t pos = pos_;
     while (count > 0) {
         if (pos + kLoadBits > limit_) {
@@ -357,8 +374,8 @@ void AACBitReader::skip_codes(int codebook, int count)
             pos = pos_;
             continue;
         }
-        // Far from the bound: code words straight from one load, unchecked
-        // (everything up to kLoadBits lies inside the bound).
+        // Far from the bound: per_load look-ups straight from one load,
+        // unchecked (everything up to kLoadBits lies inside the bound).
         const unsigned char* at = base_ + (pos >> 3);
         uint64_t word = 0;
         std::memcpy(&word, at, sizeof word);
@@ -368,6 +385,7 @@ void AACBitReader::skip_codes(int codebook, int count)
         word <<= pos & 7;
         int used = 0;
         uint32_t entry = 0;
+        int lookups = table.per_load;
         do {
             entry = entries[word >> shift];
             int bits = 0;
@@ -383,7 +401,7 @@ void AACBitReader::skip_codes(int codebook, int count)
             }
             word <<= bits;
             used += bits;
-        } while (used <= kReloadAfter && count > 0 && (entry & kEscapes) == 0);
+        } while (--lookups > 0 && count > 0 && (entry & kEscapes) == 0);
         pos += used;
         if ((entry & kEscapes) != 0) {
             pos_ = pos;

@@ -30,16 +30,20 @@ float PacketM4AAC::quantized_gain()
 int PacketM4AAC::get_bytes(void* buffer, float gain)
 {
     const int n = Packet::get_bytes(buffer, -1.0f);
+    apply_gain(static_cast<unsigned char*>(buffer), n, gain);
+    return n;
+}
+
+void PacketM4AAC::apply_gain(unsigned char* bytes, int n, float gain) const
+{
     if (gain < 0.0f)
         gain = this->gain;
-    if (gain == 1.0f || n <= 0)
-        return n;
-
+    if (gain == 1.0f || n <= 0 || bytes == nullptr)
+        return;
     // The walk is done in place: it reads and writes nothing outside the
     // n bytes. Its status is of no use here: the bytes go out either way.
-    Bitstream bits(static_cast<unsigned char*>(buffer), n);
+    Bitstream bits(bytes, n);
     adjust_gain(bits, gain, sample_rate);
-    return n;
 }
 
 Packet* PacketM4AAC::copy()

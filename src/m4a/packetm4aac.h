@@ -22,6 +22,9 @@ public:
     // that fails leaves the fields it had not reached. Returns the byte
     // count.
     int get_bytes(void* buffer, float gain) override;
+    // What get_bytes does to the n stored bytes once they are read, for a
+    // caller that read them itself (a saver reading packets in bulk).
+    void apply_gain(unsigned char* bytes, int n, float gain) const;
     // Same parameters and handle (shared), gain and cache state copied.
     Packet* copy() override;
 };
