@@ -3,6 +3,7 @@
 // ffprobe and ffmpeg's decoder. Files with clicks make the encoder switch to
 // eight short windows, whose section and spectral layout differ.
 #include "core/bshandle.h"
+#include "core/bshandlefile.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
 #include "m4a/clipm4aac.h"
@@ -15,6 +16,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <unistd.h>
 
 namespace KEL {
 namespace test {
@@ -341,6 +343,56 @@ TEST(ClipM4AAC, ParametersAndCompatibility)
     }
     EXPECT_EQ(clip->save_to(scratch().path("no/such/dir.m4a").c_str(), nullptr, 0, nullptr, 0, &err, nullptr),
               fourcc("Efow"));
+}
+
+// The saver reads runs of adjacent packets at once and writes blocks of a
+// megabyte. An edited clip of more than one block (a copied range inserted
+// out of file order, mixed gains) saves every packet exactly as its own
+// get_bytes gives it; once the backing file is cut short, the packets it no
+// longer holds whole become zeros and the save reports "Egga".
+TEST(ClipM4AAC, SavedPacketsAreTheirOwnBytes)
+{
+    const std::string path = make_aac(scratch(), "long.m4a", 44100, 2, 256, 40.0, false);
+    ASSERT_FALSE(path.empty());
+    const Bytes original = read_file(path);
+    ASSERT_GT(original.size(), size_t{1} << 20);
+    const std::string source = scratch().path("shrinking.m4a");
+    write_file(source, original);
+    int err = 0;
+    ClipPtr clip = open_clip(source, err);
+    ASSERT_NE(clip, nullptr);
+    ClipPtr piece(clip->copy(100, 149, &err));
+    ASSERT_NE(piece, nullptr);
+    clip->insert(20, piece.get(), &err);
+    ASSERT_EQ(err, 0);
+    const float gains[] = {1.0f, 0.5f, 2.0f, 1.0f, 0.3f};
+    for (int i = 0; i < clip->packet_count; ++i)
+        clip->packet_gain(i, gains[(i / 7) % 5], &err);
+
+    const long long cut_size = static_cast<long long>(original.size()) - 150000;
+    for (const bool cut : {false, true}) {
+        SCOPED_TRACE(cut ? "cut short" : "whole");
+        if (cut) {
+            ASSERT_EQ(::truncate(source.c_str(), static_cast<off_t>(cut_size)), 0);
+        }
+        const std::string saved = scratch().path("own-bytes.m4a");
+        EXPECT_EQ(clip->save_to(saved.c_str(), nullptr, 0, nullptr, 0, &err, nullptr), cut ? fourcc("Egga") : 0);
+        const std::vector<Bytes> written = units(saved);
+        ASSERT_EQ(written.size(), static_cast<size_t>(clip->packet_count));
+        int silent = 0;
+        for (int i = 0; i < clip->packet_count; ++i) {
+            Packet* packet = clip->packets[i];
+            const auto* handle = dynamic_cast<const BSHandleFile*>(packet->handle);
+            ASSERT_NE(handle, nullptr);
+            Bytes expected(static_cast<size_t>(handle->size), 0);
+            if (cut && handle->offset + handle->size > cut_size)
+                ++silent;
+            else
+                ASSERT_EQ(packet->get_bytes(expected.data(), -1.0f), handle->size);
+            ASSERT_EQ(written[static_cast<size_t>(i)], expected) << "packet " << i;
+        }
+        EXPECT_EQ(silent > 0, cut);
+    }
 }
 
 // Damaged files give a clip or a code, and damaged access units a decode
