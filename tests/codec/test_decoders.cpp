@@ -6,12 +6,20 @@
 
 #include "codec/codecdecodermp3.h"
 #include "codec/componentinstancerecord.h"
+#include "codec/lpcmformat.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <random>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/frame.h>
+}
 
 namespace KEL {
 namespace test {
@@ -375,6 +383,59 @@ TEST(CodecDecoderALAC, UncompressedFrameWithoutEndDecodesToItsSamples)
                 }
             }
         }
+    }
+}
+
+// Planar float frames as the float decoders deliver them, written out as
+// one or two channels of 32-bit floats in either byte order, from any
+// frame on: each output word is the source sample's bits, byte-swapped for
+// the other order. Sources of one channel feed both outputs; of three, the
+// first two.
+TEST(LPCMFormat, PlanarFloatsToInterleavedWords)
+{
+    std::mt19937 rng(9);
+    for (const int sources : {1, 2, 3}) {
+        AVFrame* frame = av_frame_alloc();
+        ASSERT_NE(frame, nullptr);
+        frame->format = AV_SAMPLE_FMT_FLTP;
+        frame->nb_samples = 1024;
+        av_channel_layout_default(&frame->ch_layout, sources);
+        ASSERT_EQ(av_frame_get_buffer(frame, 0), 0);
+        std::vector<std::vector<uint32_t>> words(static_cast<size_t>(sources));
+        for (int c = 0; c < sources; ++c) {
+            for (int n = 0; n < frame->nb_samples; ++n) {
+                const uint32_t w = static_cast<uint32_t>(rng());
+                words[static_cast<size_t>(c)].push_back(w);
+                std::memcpy(frame->extended_data[c] + 4 * n, &w, 4);
+            }
+        }
+        for (const int channels : {1, 2}) {
+            for (const bool big : {true, false}) {
+                AudioStreamBasicDescription d = pcm_float(channels, 44100);
+                if (!big)
+                    d.format_flags &= ~kLPCMFlagBigEndian;
+                LPCMFormat format;
+                ASSERT_TRUE(LPCMFormat::from_description(d, &format));
+                for (const auto& range : {std::pair<int, int>{0, 1024}, {37, 101}, {1000, 24}, {5, 0}}) {
+                    Bytes out(static_cast<size_t>(range.second) * static_cast<size_t>(channels) * 4 + 4, 0xEE);
+                    ASSERT_TRUE(format.write_frames(*frame, range.first, range.second, out.data()));
+                    for (int n = 0; n < range.second; ++n) {
+                        for (int c = 0; c < channels; ++c) {
+                            const uint32_t w = words[static_cast<size_t>(std::min(c, sources - 1))]
+                                                    [static_cast<size_t>(range.first + n)];
+                            const unsigned char* at = &out[(static_cast<size_t>(n) * channels + c) * 4];
+                            for (int k = 0; k < 4; ++k) {
+                                const int shift = big ? 24 - 8 * k : 8 * k;
+                                ASSERT_EQ(at[k], static_cast<unsigned char>(w >> shift))
+                                    << sources << " sources, " << channels << " channels, frame " << n;
+                            }
+                        }
+                    }
+                    EXPECT_EQ(out.back(), 0xEE) << "written past the frames";
+                }
+            }
+        }
+        av_frame_free(&frame);
     }
 }
 
