@@ -16,6 +16,8 @@ namespace {
 constexpr double kMaxSampleRate = 1000000.0;
 // Largest magic cookie kept.
 constexpr uint32_t kMaxCookieBytes = 65536;
+// Packet buffers kept for reuse; a decoder holds a packet or two at a time.
+constexpr size_t kMaxSpareBuffers = 4;
 
 } // namespace
 
@@ -89,9 +91,18 @@ int CodecDecoder::restart()
     return configure(nullptr, 0);
 }
 
+void CodecDecoder::recycle(std::vector<uint8_t>&& buffer)
+{
+    if (spare_.size() < kMaxSpareBuffers && buffer.capacity() <= kMaxPacketBytes)
+        spare_.push_back(std::move(buffer));
+}
+
 void CodecDecoder::drop_buffers()
 {
-    queue_.clear();
+    while (!queue_.empty()) {
+        recycle(std::move(queue_.front()));
+        queue_.pop_front();
+    }
     queued_bytes_ = 0;
     if (pending_ != nullptr)
         av_frame_unref(pending_);
@@ -140,7 +151,13 @@ int CodecDecoder::append_input_data(const void* data, uint32_t* io_bytes, uint32
         if (queued_bytes_ + size > kMaxQueuedBytes)
             break;
         if (size != 0) {
-            queue_.emplace_back(base + offset, base + offset + size);
+            std::vector<uint8_t> buffer;
+            if (!spare_.empty()) {
+                buffer = std::move(spare_.back());
+                spare_.pop_back();
+            }
+            buffer.assign(base + offset, base + offset + size);
+            queue_.push_back(std::move(buffer));
             queued_bytes_ += size;
         }
         taken_end = std::max<uint64_t>(taken_end, static_cast<uint64_t>(offset) + size);
@@ -170,30 +187,41 @@ bool CodecDecoder::next_frame(int* error)
         }
         if (queue_.empty())
             return false;
-        const std::vector<uint8_t> packet = std::move(queue_.front());
+        std::vector<uint8_t> packet = std::move(queue_.front());
         queue_.pop_front();
         queued_bytes_ -= packet.size();
-
-        int err = check_packet(packet.data(), packet.size());
-        if (err != 0) {
-            *error = err;
+        const int fed = feed(packet, error);
+        recycle(std::move(packet));
+        if (fed < 0)
             return false;
-        }
-        if (decode_by_hand(packet.data(), packet.size(), pending_, &err)) {
-            if (err != 0) {
-                av_frame_unref(pending_);
-                *error = err;
-                return false;
-            }
+        if (fed > 0) {
             has_pending_ = true;
             pending_offset_ = 0;
             return true;
         }
-        if (codec_.send_packet(packet.data(), packet.size()) < 0) {
-            *error = kCodecErrBadData;
-            return false;
-        }
     }
+}
+
+int CodecDecoder::feed(const std::vector<uint8_t>& packet, int* error)
+{
+    int err = check_packet(packet.data(), packet.size());
+    if (err != 0) {
+        *error = err;
+        return -1;
+    }
+    if (decode_by_hand(packet.data(), packet.size(), pending_, &err)) {
+        if (err != 0) {
+            av_frame_unref(pending_);
+            *error = err;
+            return -1;
+        }
+        return 1;
+    }
+    if (codec_.send_packet(packet.data(), packet.size()) < 0) {
+        *error = kCodecErrBadData;
+        return -1;
+    }
+    return 0;
 }
 
 int CodecDecoder::produce_output_packets(void* out, uint32_t* io_bytes, uint32_t* io_packets,

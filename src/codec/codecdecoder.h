@@ -2,9 +2,10 @@
 // interleaved linear PCM out (32-bit float, or signed integers of the output
 // description's width; any byte order, normally big-endian: flags 11, 14).
 //
-// Input. Every appended packet is queued whole (its bytes copied); bytes
-// that no packet description covers are padding and are dropped. Packets
-// are decoded only when output is asked for.
+// Input. Every appended packet is queued whole (its bytes copied into a
+// buffer kept from earlier packets, so that steady decoding allocates
+// nothing here); bytes that no packet description covers are padding and
+// are dropped. Packets are decoded only when output is asked for.
 //
 // Output. produce_output_packets fills the buffer with whole frames, taking
 // decoded audio first from a partly delivered frame, then from FFmpeg, then
@@ -78,12 +79,18 @@ private:
     // packets as needed. False when there is none: the queue ran dry, or a
     // packet failed and *error says why (the packet is dropped).
     bool next_frame(int* error);
+    // Hands one queued packet to FFmpeg or to decode_by_hand: 0 when FFmpeg
+    // took it, 1 when decode_by_hand filled pending_, -1 on an error.
+    int feed(const std::vector<uint8_t>& packet, int* error);
     void drop_buffers();
+    // Keeps a used packet buffer for the next appended packet.
+    void recycle(std::vector<uint8_t>&& buffer);
 
     LPCMFormat out_format_;
     AVCodecID codec_id_;
     bool reopen_on_reset_;
     std::deque<std::vector<uint8_t>> queue_;
+    std::vector<std::vector<uint8_t>> spare_; // buffers of packets already fed
     size_t queued_bytes_ = 0;
     AVFrame* pending_ = nullptr; // decoded audio not yet delivered
     int pending_offset_ = 0;     // frames of pending_ already delivered

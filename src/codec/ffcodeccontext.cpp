@@ -38,6 +38,8 @@ void FFCodecContext::close()
 {
     avcodec_free_context(&context_);
     av_packet_free(&packet_);
+    // Buffers still referenced somewhere go when their last reference does.
+    av_buffer_pool_uninit(&pool_);
 }
 
 int FFCodecContext::open(const FFCodecSettings& settings)
@@ -103,9 +105,21 @@ int FFCodecContext::send_packet(const uint8_t* data, size_t size)
     if (size == 0 || size > static_cast<size_t>(std::numeric_limits<int>::max()) - AV_INPUT_BUFFER_PADDING_SIZE)
         return AVERROR_INVALIDDATA;
     av_packet_unref(packet_);
-    const int err = av_new_packet(packet_, static_cast<int>(size));
-    if (err < 0)
-        return err;
+    if (size <= static_cast<size_t>(kPooledPacketBytes)) {
+        if (pool_ == nullptr)
+            pool_ = av_buffer_pool_init(kPooledPacketBytes + AV_INPUT_BUFFER_PADDING_SIZE, nullptr);
+        packet_->buf = pool_ != nullptr ? av_buffer_pool_get(pool_) : nullptr;
+        if (packet_->buf == nullptr)
+            return AVERROR(ENOMEM);
+        packet_->data = packet_->buf->data;
+        packet_->size = static_cast<int>(size);
+        // FFmpeg's readers may look into the padding; it reads as zeros.
+        std::memset(packet_->data + size, 0, AV_INPUT_BUFFER_PADDING_SIZE);
+    } else {
+        const int err = av_new_packet(packet_, static_cast<int>(size));
+        if (err < 0)
+            return err;
+    }
     std::memcpy(packet_->data, data, size);
     const int result = avcodec_send_packet(context_, packet_);
     av_packet_unref(packet_);

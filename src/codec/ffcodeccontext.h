@@ -16,6 +16,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/buffer.h>
 }
 
 namespace KEL {
@@ -33,6 +34,9 @@ struct FFCodecSettings {
 
 class FFCodecContext {
 public:
+    // Packets up to this size are copied into pooled buffers.
+    static constexpr int kPooledPacketBytes = 16384;
+
     FFCodecContext() = default;
     ~FFCodecContext();
     FFCodecContext(const FFCodecContext&) = delete;
@@ -52,8 +56,10 @@ public:
     AVCodecContext* context() const { return context_; }
     const FFCodecSettings& settings() const { return settings_; }
 
-    // Decoding: one packet in (the bytes are copied), frames out. The
-    // results are FFmpeg's (0, AVERROR(EAGAIN), AVERROR_EOF, other errors).
+    // Decoding: one packet in (the bytes are copied, for packets of up to
+    // kPooledPacketBytes into a buffer FFmpeg hands back for reuse), frames
+    // out. The results are FFmpeg's (0, AVERROR(EAGAIN), AVERROR_EOF, other
+    // errors).
     int send_packet(const uint8_t* data, size_t size);
     int receive_frame(AVFrame* frame);
     // Encoding: frames in (null to drain), packets out.
@@ -69,6 +75,7 @@ private:
     FFCodecSettings settings_;
     AVCodecContext* context_ = nullptr;
     AVPacket* packet_ = nullptr;
+    AVBufferPool* pool_ = nullptr; // made on the first pooled packet
 };
 
 } // namespace KEL
