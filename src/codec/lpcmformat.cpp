@@ -80,6 +80,38 @@ void copy_planes(const unsigned char* left, const unsigned char* right, unsigned
     planes_to_pairs<Swap>(left + 4 * i, right + 4 * i, out + 8 * i, frames - i);
 }
 
+// Interleaved pairs of 32-bit floats to two planes.
+template <bool Swap, class N>
+void pairs_to_planes(const unsigned char* __restrict in, unsigned char* __restrict left,
+                     unsigned char* __restrict right, N n)
+{
+    for (int i = 0; i < n; ++i) {
+        uint32_t l;
+        uint32_t r;
+        std::memcpy(&l, in + 8 * i, 4);
+        std::memcpy(&r, in + 8 * i + 4, 4);
+        l = swapped_if(l, Swap);
+        r = swapped_if(r, Swap);
+        std::memcpy(left + 4 * i, &l, 4);
+        std::memcpy(right + 4 * i, &r, 4);
+    }
+}
+
+template <bool Swap>
+void split_pairs(const unsigned char* in, unsigned char* left, unsigned char* right, int frames)
+{
+    int i = 0;
+    if (right == nullptr) {
+        for (; i + kBlock <= frames; i += kBlock)
+            plane_to_mono<Swap>(in + 4 * i, left + 4 * i, Block());
+        plane_to_mono<Swap>(in + 4 * i, left + 4 * i, frames - i);
+        return;
+    }
+    for (; i + kBlock <= frames; i += kBlock)
+        pairs_to_planes<Swap>(in + 8 * i, left + 4 * i, right + 4 * i, Block());
+    pairs_to_planes<Swap>(in + 8 * i, left + 4 * i, right + 4 * i, frames - i);
+}
+
 // Planar 32-bit floats to one channel (right null) or two interleaved
 // ones, byte-swapped when swap is set.
 KEL_COPY_LOOP
@@ -189,6 +221,17 @@ int32_t load_int(const unsigned char* p, SampleKind kind)
     return s;
 }
 
+// One channel (right null) or two interleaved ones of 32-bit floats to
+// planes, byte-swapped when swap is set.
+KEL_COPY_LOOP
+void split_float_frames(const unsigned char* in, unsigned char* left, unsigned char* right, int frames, bool swap)
+{
+    if (swap)
+        split_pairs<true>(in, left, right, frames);
+    else
+        split_pairs<false>(in, left, right, frames);
+}
+
 } // namespace
 
 bool LPCMFormat::from_description(const AudioStreamBasicDescription& d, LPCMFormat* out)
@@ -274,6 +317,13 @@ bool LPCMFormat::read_frames(const unsigned char* src, int count, AVFrame& frame
         return false;
     const int in_bytes = bits_ / 8;
     const size_t in_step = frame_bytes();
+    if (kind == SampleKind::f32 && is_float_ && channels_ <= 2) {
+        // What the float encoders take: a straight copy per channel, with
+        // the byte order changed as a whole word.
+        split_float_frames(src, frame.extended_data[0], channels_ == 1 ? nullptr : frame.extended_data[1], count,
+                           big_endian_ != kHostBigEndian);
+        return true;
+    }
     for (int c = 0; c < channels_; ++c) {
         const unsigned char* in = src + static_cast<size_t>(c) * in_bytes;
         unsigned char* plane = frame.extended_data[c];

@@ -439,6 +439,46 @@ TEST(LPCMFormat, PlanarFloatsToInterleavedWords)
     }
 }
 
+// And back, as the float encoders take them: interleaved words of one or
+// two channels in either byte order into planes.
+TEST(LPCMFormat, InterleavedWordsToPlanarFloats)
+{
+    std::mt19937 rng(10);
+    for (const int channels : {1, 2}) {
+        for (const bool big : {true, false}) {
+            AudioStreamBasicDescription d = pcm_float(channels, 44100);
+            if (!big)
+                d.format_flags &= ~kLPCMFlagBigEndian;
+            LPCMFormat format;
+            ASSERT_TRUE(LPCMFormat::from_description(d, &format));
+            AVFrame* frame = av_frame_alloc();
+            ASSERT_NE(frame, nullptr);
+            frame->format = AV_SAMPLE_FMT_FLTP;
+            frame->nb_samples = 1024;
+            av_channel_layout_default(&frame->ch_layout, channels);
+            ASSERT_EQ(av_frame_get_buffer(frame, 0), 0);
+            for (const int count : {1024, 1000, 3}) {
+                Bytes in(static_cast<size_t>(count) * static_cast<size_t>(channels) * 4);
+                for (auto& byte : in)
+                    byte = static_cast<uint8_t>(rng());
+                ASSERT_TRUE(format.read_frames(in.data(), count, *frame));
+                for (int n = 0; n < count; ++n) {
+                    for (int c = 0; c < channels; ++c) {
+                        const unsigned char* at = &in[(static_cast<size_t>(n) * channels + c) * 4];
+                        uint32_t want = 0;
+                        for (int k = 0; k < 4; ++k)
+                            want |= static_cast<uint32_t>(at[k]) << (big ? 24 - 8 * k : 8 * k);
+                        uint32_t got = 0;
+                        std::memcpy(&got, frame->extended_data[c] + 4 * n, 4);
+                        ASSERT_EQ(got, want) << channels << " channels, frame " << n;
+                    }
+                }
+            }
+            av_frame_free(&frame);
+        }
+    }
+}
+
 TEST(CodecComponents, FFmpegPrintsNothing)
 {
     StderrCapture capture;
