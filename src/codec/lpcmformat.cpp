@@ -221,6 +221,63 @@ int32_t load_int(const unsigned char* p, SampleKind kind)
     return s;
 }
 
+// Planes of 16-bit integers to one channel (right null) or two interleaved
+// ones of 16-bit big-endian integers.
+template <class N>
+void planes16_to_be(const unsigned char* __restrict left, const unsigned char* __restrict right,
+                    unsigned char* __restrict out, int channels, N n)
+{
+    for (int i = 0; i < n; ++i) {
+        uint16_t l;
+        std::memcpy(&l, left + 2 * i, 2);
+        if (!kHostBigEndian)
+            l = __builtin_bswap16(l);
+        std::memcpy(out + 2 * channels * i, &l, 2);
+        if (channels == 2) {
+            uint16_t r;
+            std::memcpy(&r, right + 2 * i, 2);
+            if (!kHostBigEndian)
+                r = __builtin_bswap16(r);
+            std::memcpy(out + 4 * i + 2, &r, 2);
+        }
+    }
+}
+
+KEL_COPY_LOOP
+void copy_int16_planes(const unsigned char* left, const unsigned char* right, unsigned char* out, int frames)
+{
+    const int channels = right == nullptr ? 1 : 2;
+    int i = 0;
+    if (channels == 1) {
+        for (; i + kBlock <= frames; i += kBlock)
+            planes16_to_be(left + 2 * i, left + 2 * i, out + 2 * i, 1, Block());
+        planes16_to_be(left + 2 * i, left + 2 * i, out + 2 * i, 1, frames - i);
+        return;
+    }
+    for (; i + kBlock <= frames; i += kBlock)
+        planes16_to_be(left + 2 * i, right + 2 * i, out + 4 * i, 2, Block());
+    planes16_to_be(left + 2 * i, right + 2 * i, out + 4 * i, 2, frames - i);
+}
+
+// Planes of 32-bit integers to 24-bit big-endian integers (their top three
+// bytes), one channel (right null) or two interleaved.
+void copy_int32_planes_to_be24(const unsigned char* left, const unsigned char* right, unsigned char* out, int frames)
+{
+    const int channels = right == nullptr ? 1 : 2;
+    for (int c = 0; c < channels; ++c) {
+        const unsigned char* in = c == 0 ? left : right;
+        unsigned char* o = out + 3 * c;
+        for (int i = 0; i < frames; ++i, in += 4, o += 3 * channels) {
+            int32_t v;
+            std::memcpy(&v, in, 4);
+            const uint32_t u = static_cast<uint32_t>(v);
+            o[0] = static_cast<unsigned char>(u >> 24);
+            o[1] = static_cast<unsigned char>(u >> 16);
+            o[2] = static_cast<unsigned char>(u >> 8);
+        }
+    }
+}
+
 // One channel (right null) or two interleaved ones of 32-bit floats to
 // planes, byte-swapped when swap is set.
 KEL_COPY_LOOP
@@ -278,6 +335,23 @@ bool LPCMFormat::write_frames(const AVFrame& frame, int first, int count, unsign
         const unsigned char* right =
             channels_ == 1 ? nullptr : frame.extended_data[std::min(1, src_channels - 1)] + offset;
         copy_float_planes(left, right, dst, count, big_endian_ != kHostBigEndian);
+        return true;
+    }
+    if (planar && !is_float_ && big_endian_ && channels_ <= 2 &&
+        ((kind == SampleKind::s16 && bits_ == 16) || (kind == SampleKind::s32 && (bits_ == 24 || bits_ == 32)))) {
+        // What the integer decoders deliver at the stream's own width (or
+        // 24-bit samples in 32-bit words): the top bytes of each sample in
+        // big-endian order.
+        const size_t offset = static_cast<size_t>(first) * in_size;
+        const unsigned char* left = frame.extended_data[0] + offset;
+        const unsigned char* right =
+            channels_ == 1 ? nullptr : frame.extended_data[std::min(1, src_channels - 1)] + offset;
+        if (bits_ == 16)
+            copy_int16_planes(left, right, dst, count);
+        else if (bits_ == 24)
+            copy_int32_planes_to_be24(left, right, dst, count);
+        else
+            copy_float_planes(left, right, dst, count, !kHostBigEndian); // 32-bit words alike
         return true;
     }
     for (int c = 0; c < channels_; ++c) {

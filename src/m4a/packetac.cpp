@@ -128,6 +128,40 @@ void take_be_floats(const unsigned char* in, int channels, float* left, float* r
     split_be_floats(in + stride * static_cast<size_t>(i), stride, second, left + i, right + i, frames - i);
 }
 
+// n frames of stride bytes whose first two 16-bit fields are big-endian
+// samples (the second read at second bytes in: 2, or 0 for mono), scaled
+// by factor into two arrays.
+template <class N>
+void split_be16(const unsigned char* __restrict in, size_t stride, size_t second, float factor,
+                float* __restrict left, float* __restrict right, N n)
+{
+    for (int i = 0; i < n; ++i) {
+        uint16_t l;
+        uint16_t r;
+        std::memcpy(&l, in + stride * static_cast<size_t>(i), 2);
+        std::memcpy(&r, in + stride * static_cast<size_t>(i) + second, 2);
+        if (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__) {
+            l = __builtin_bswap16(l);
+            r = __builtin_bswap16(r);
+        }
+        left[i] = static_cast<float>(static_cast<int16_t>(l)) * factor;
+        right[i] = static_cast<float>(static_cast<int16_t>(r)) * factor;
+    }
+}
+
+// Big-endian 16-bit frames of channels channels: channel 0 to left, channel
+// 1 (channel 0 for mono) to right, the others skipped.
+KEL_COPY_LOOP
+void take_be16(const unsigned char* in, int channels, float factor, float* left, float* right, int frames)
+{
+    const size_t stride = static_cast<size_t>(channels) * 2;
+    const size_t second = channels == 1 ? 0 : 2;
+    int i = 0;
+    for (; i + kBlock <= frames; i += kBlock)
+        split_be16(in + stride * static_cast<size_t>(i), stride, second, factor, left + i, right + i, Block());
+    split_be16(in + stride * static_cast<size_t>(i), stride, second, factor, left + i, right + i, frames - i);
+}
+
 } // namespace
 
 PacketAC::PacketAC(int bit_rate, float sample_rate, int channels, int frame_count, BSHandle* handle)
@@ -242,21 +276,7 @@ void PacketAC::decode16(float** out, unsigned char* data, int frames)
     float factor = 1.0f / 32768.0f;
     if (!can_change_gain_inline())
         factor *= gain;
-    const int C = channels();
-    const size_t stride = static_cast<size_t>(C) * 2;
-    float* left = out[0];
-    float* right = out[1];
-    for (int i = 0; i < frames; ++i) {
-        const unsigned char* p = data + static_cast<size_t>(i) * stride;
-        const int16_t l = static_cast<int16_t>((p[0] << 8) | p[1]);
-        left[i] = static_cast<float>(l) * factor;
-        if (C > 1) {
-            const int16_t r = static_cast<int16_t>((p[2] << 8) | p[3]);
-            right[i] = static_cast<float>(r) * factor;
-        } else {
-            right[i] = left[i];
-        }
-    }
+    take_be16(data, channels(), factor, out[0], out[1], frames);
 }
 
 void PacketAC::decode24(float** out, unsigned char* data, int frames)

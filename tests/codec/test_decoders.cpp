@@ -439,6 +439,57 @@ TEST(LPCMFormat, PlanarFloatsToInterleavedWords)
     }
 }
 
+// Planar integers as the lossless decoders deliver them, written out big-
+// endian at the stream's width: 16-bit samples as they are, 32-bit words
+// as their top three or all four bytes.
+TEST(LPCMFormat, PlanarIntegersToBigEndian)
+{
+    std::mt19937 rng(11);
+    struct Layout {
+        AVSampleFormat format;
+        int bits;
+    };
+    for (const Layout layout : {Layout{AV_SAMPLE_FMT_S16P, 16}, Layout{AV_SAMPLE_FMT_S32P, 24},
+                                Layout{AV_SAMPLE_FMT_S32P, 32}}) {
+        const int in_bytes = layout.format == AV_SAMPLE_FMT_S16P ? 2 : 4;
+        const int out_bytes = layout.bits / 8;
+        for (const int sources : {1, 2}) {
+            AVFrame* frame = av_frame_alloc();
+            ASSERT_NE(frame, nullptr);
+            frame->format = layout.format;
+            frame->nb_samples = 300;
+            av_channel_layout_default(&frame->ch_layout, sources);
+            ASSERT_EQ(av_frame_get_buffer(frame, 0), 0);
+            for (int c = 0; c < sources; ++c)
+                for (int k = 0; k < frame->nb_samples * in_bytes; ++k)
+                    frame->extended_data[c][k] = static_cast<uint8_t>(rng());
+            for (const int channels : {1, 2}) {
+                LPCMFormat format;
+                ASSERT_TRUE(LPCMFormat::from_description(pcm_int(channels, 44100, layout.bits), &format));
+                const int first = 7;
+                const int count = 290;
+                Bytes out(static_cast<size_t>(count * channels * out_bytes));
+                ASSERT_TRUE(format.write_frames(*frame, first, count, out.data()));
+                for (int n = 0; n < count; ++n) {
+                    for (int c = 0; c < channels; ++c) {
+                        const uint8_t* plane = frame->extended_data[std::min(c, sources - 1)];
+                        uint32_t sample = 0; // the host's integer, most significant byte first
+                        for (int k = 0; k < in_bytes; ++k) {
+                            const int byte = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? in_bytes - 1 - k : k;
+                            sample = (sample << 8) | plane[(first + n) * in_bytes + byte];
+                        }
+                        for (int k = 0; k < out_bytes; ++k)
+                            ASSERT_EQ(out[static_cast<size_t>((n * channels + c) * out_bytes + k)],
+                                      static_cast<uint8_t>(sample >> (8 * (in_bytes - 1 - k))))
+                                << layout.bits << " bits, frame " << n << ", channel " << c;
+                    }
+                }
+            }
+            av_frame_free(&frame);
+        }
+    }
+}
+
 // And back, as the float encoders take them: interleaved words of one or
 // two channels in either byte order into planes.
 TEST(LPCMFormat, InterleavedWordsToPlanarFloats)
