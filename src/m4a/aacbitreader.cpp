@@ -33,8 +33,11 @@ constexpr uint32_t kEscapes = 3u << 18;
 constexpr int kMaxLevelBits = 10;
 // Longest tree path accepted: deeper means a broken tree.
 constexpr int kMaxDepth = 32;
-// Code words in one run at most (the field holds 5 bits).
+// Largest values of the entry fields.
 constexpr int kMaxRun = 31;
+constexpr int kMaxRunBits = 127;
+constexpr int kMaxFirstBits = 63;
+constexpr size_t kMaxOffset = 0x1FFFFF;
 // Bits one 64-bit load holds at least, whatever the bit offset.
 constexpr int kLoadBits = 57;
 
@@ -42,6 +45,12 @@ uint32_t leaf_entry(int first_bits, int escapes, int run_bits, int run_count)
 {
     return static_cast<uint32_t>(run_bits) | (static_cast<uint32_t>(run_count) << 7) |
            (static_cast<uint32_t>(first_bits) << 12) | (static_cast<uint32_t>(escapes) << 18);
+}
+
+uint32_t link_entry(int level_bits, int next_bits, size_t offset)
+{
+    return kLink | static_cast<uint32_t>(level_bits) | (static_cast<uint32_t>(next_bits) << 5) |
+           (static_cast<uint32_t>(offset) << 10);
 }
 
 int run_bits_of(uint32_t entry)
@@ -74,12 +83,6 @@ uint32_t resolve_link(const uint32_t* entries, uint32_t entry, uint64_t word, in
     } while ((entry & kLink) != 0);
     *used = bits;
     return entry;
-}
-
-uint32_t link_entry(int level_bits, int next_bits, size_t offset)
-{
-    return kLink | static_cast<uint32_t>(level_bits) | (static_cast<uint32_t>(next_bits) << 5) |
-           (static_cast<uint32_t>(offset) << 10);
 }
 
 // A decoding tree of aactables in either form: pairs (codebooks 0 to 10)
@@ -178,6 +181,8 @@ bool fill(CodeTable& table, const TreeView& tree, size_t offset, int width, int 
                 return false;
             const int next = std::min(below, kMaxLevelBits);
             const size_t at = table.entries.size();
+            if (at > kMaxOffset)
+                return false;
             table.entries.resize(at + (size_t{1} << next));
             table.entries[offset + index] = link_entry(width, next, at);
             if (!fill(table, tree, at, next, first.node, false))
@@ -188,10 +193,12 @@ bool fill(CodeTable& table, const TreeView& tree, size_t offset, int width, int 
         // (their sign bits may reach past it) join its run; a code word
         // with escapes ends the run, as only the first may carry them.
         int run_bits = first.length + first.signs;
+        if (run_bits > kMaxFirstBits)
+            return false;
         int run = 1;
         while (root && first.escapes == 0 && run_bits < width && run < kMaxRun) {
             const Step next = follow(tree, 0, index, width, run_bits);
-            if (!next.leaf || next.escapes != 0)
+            if (!next.leaf || next.escapes != 0 || run_bits + next.length + next.signs > kMaxRunBits)
                 break;
             run_bits += next.length + next.signs;
             ++run;
@@ -217,7 +224,9 @@ CodeTable build_table(const TreeView& tree)
     for (size_t index = 0; index < (size_t{1} << table.root_bits); ++index)
         if ((table.entries[index] & kLink) == 0)
             widest = std::max(widest, run_bits_of(table.entries[index]));
-    table.per_load = std::max(1, kLoadBits / widest);
+    if (widest > kLoadBits)
+        return CodeTable();
+    table.per_load = kLoadBits / widest;
     return table;
 }
 
