@@ -231,56 +231,22 @@ int ClipAIFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
     return std::feof(f) ? fourcc("Eeof") : fourcc("EIO ");
 }
 
-int ClipAIFF::get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t*)
+int ClipAIFF::scan_layout(FILE* f, FileLayout& layout)
 {
-    FILE* f = std::fopen(path, "r");
-    if (f == nullptr)
-        return fourcc("Efor");
-    int channels = 0;
-    int bits = 0;
-    float rate = 0.0f;
-    bool little = false;
     int length = 0;
     int offset = 0;
-    const int code = scan(f, &channels, &bits, &rate, &little, &length, &offset);
-    std::fclose(f);
-    if (code != 0)
-        return code;
-    if (info == nullptr)
-        return 0;
-
-    const int frames = length / ((bits / 8) * channels);
-    fill_file_info(info, channels, bits, rate, frames, length);
-    return 0;
+    bool little = false;
+    const int code = scan(f, &layout.channels, &layout.bits, &layout.rate, &little, &length, &offset);
+    layout.little = little;
+    layout.length = length;
+    layout.offset = offset;
+    return code;
 }
 
-ClipAIFF* ClipAIFF::open(const char* path, int* err, _kel_progress_ext_t* progress)
+int ClipAIFF::load_layout(const char* path, _kel_progress_ext_t* progress, const FileLayout& layout)
 {
-    *err = 0;
-    FILE* f = std::fopen(path, "r");
-    if (f == nullptr) {
-        *err = fourcc("Efor");
-        return nullptr;
-    }
-    int channels = 0;
-    int bits = 0;
-    float rate = 0.0f;
-    bool little = false;
-    int length = 0;
-    int offset = 0;
-    *err = scan(f, &channels, &bits, &rate, &little, &length, &offset);
-    std::fclose(f);
-    if (*err != 0)
-        return nullptr;
-
-    auto* clip = new ClipAIFF(channels, rate, bits, kel_get_raw_packet_size(), nullptr);
-    *err = clip->load(path, progress, channels, bits, rate, little, length, offset);
-    if (*err != 0) {
-        clip->close(nullptr);
-        delete clip;
-        return nullptr;
-    }
-    return clip;
+    return load(path, progress, layout.channels, layout.bits, layout.rate, layout.little, static_cast<int>(layout.length),
+                static_cast<int>(layout.offset));
 }
 
 int ClipAIFF::load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,

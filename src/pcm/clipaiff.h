@@ -29,9 +29,6 @@ public:
     // 0 when path starts as an AIFF or AIFF-C form; "Efmu" when not, "Efor"
     // when it cannot be read.
     static int detect(const char* path);
-    static ClipAIFF* open(const char* path, int* err, _kel_progress_ext_t* progress);
-    // Fills info from the headers alone; progress is not used.
-    static int get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t* progress);
     // An empty clip of 1 or 2 channels and 16 or 24 bits ("Eprm" otherwise)
     // with packets of 1024 frames and no store.
     static ClipAIFF* create_empty(int channels, float sampleRate, int bits, int* err);
@@ -43,6 +40,10 @@ public:
     // Cuts the sound data into packets on a new backing store of path.
     int load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,
              bool littleEndian, int dataLength, int dataOffset);
+    // scan and load over the layout record, for the open and get_file_info
+    // the PCM clips share.
+    static int scan_layout(FILE* f, FileLayout& layout);
+    int load_layout(const char* path, _kel_progress_ext_t* progress, const FileLayout& layout);
 };
 
 // Writes the 54-byte AIFF header at offset 0 (nothing when the seek fails):

@@ -238,57 +238,22 @@ int ClipCAFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
     return std::feof(f) ? fourcc("Eeof") : fourcc("EIO ");
 }
 
-int ClipCAFF::get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t*)
+int ClipCAFF::scan_layout(FILE* f, FileLayout& layout)
 {
-    FILE* f = std::fopen(path, "r");
-    if (f == nullptr)
-        return fourcc("Efor");
-    int channels = 0;
-    int bits = 0;
-    float rate = 0.0f;
-    bool little = false;
     long long length = 0;
     long long offset = 0;
-    const int code = scan(f, &channels, &bits, &rate, &little, &length, &offset);
-    std::fclose(f);
-    if (code != 0)
-        return code;
-    if (info == nullptr)
-        return 0;
-
-    const long long frame_bytes = static_cast<long long>(bits / 8) * channels;
-    const long long frames = length / frame_bytes;
-    fill_file_info(info, channels, bits, rate, frames, length);
-    return 0;
+    bool little = false;
+    const int code = scan(f, &layout.channels, &layout.bits, &layout.rate, &little, &length, &offset);
+    layout.little = little;
+    layout.length = length;
+    layout.offset = offset;
+    return code;
 }
 
-ClipCAFF* ClipCAFF::open(const char* path, int* err, _kel_progress_ext_t* progress)
+int ClipCAFF::load_layout(const char* path, _kel_progress_ext_t* progress, const FileLayout& layout)
 {
-    *err = 0;
-    FILE* f = std::fopen(path, "r");
-    if (f == nullptr) {
-        *err = fourcc("Efor");
-        return nullptr;
-    }
-    int channels = 0;
-    int bits = 0;
-    float rate = 0.0f;
-    bool little = false;
-    long long length = 0;
-    long long offset = 0;
-    *err = scan(f, &channels, &bits, &rate, &little, &length, &offset);
-    std::fclose(f);
-    if (*err != 0)
-        return nullptr;
-
-    auto* clip = new ClipCAFF(channels, rate, bits, kel_get_raw_packet_size(), nullptr);
-    *err = clip->load(path, progress, channels, bits, rate, little, length, offset);
-    if (*err != 0) {
-        clip->close(nullptr);
-        delete clip;
-        return nullptr;
-    }
-    return clip;
+    return load(path, progress, layout.channels, layout.bits, layout.rate, layout.little, static_cast<long long>(layout.length),
+                static_cast<long long>(layout.offset));
 }
 
 int ClipCAFF::load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,

@@ -39,9 +39,6 @@ public:
     // 0 when path starts as a CAF file; "Efmu" when not, "Efor" when it
     // cannot be read.
     static int detect(const char* path);
-    static ClipCAFF* open(const char* path, int* err, _kel_progress_ext_t* progress);
-    // Fills info from the headers alone; progress is not used.
-    static int get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t* progress);
     // An empty clip of 1 or 2 channels and 16 bits ("Eprm" otherwise) with
     // packets of 1024 frames and no store.
     static ClipCAFF* create_empty(int channels, float sampleRate, int bits, int* err);
@@ -53,6 +50,10 @@ public:
     // store of path.
     int load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,
              bool littleEndian, long long dataLength, long long dataOffset);
+    // scan and load over the layout record, for the open and get_file_info
+    // the PCM clips share.
+    static int scan_layout(FILE* f, FileLayout& layout);
+    int load_layout(const char* path, _kel_progress_ext_t* progress, const FileLayout& layout);
 
     // A stereo clip of the frames of buffers[0] and buffers[1], written as
     // a temporary 16-bit big-endian file and opened from it. "Eprm" for

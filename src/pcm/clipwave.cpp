@@ -164,55 +164,20 @@ int ClipWAVE::scan(FILE* f, int* channels, int* bits, float* sampleRate, unsigne
     return std::feof(f) ? fourcc("Eeof") : fourcc("EIO ");
 }
 
-int ClipWAVE::get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t*)
+int ClipWAVE::scan_layout(FILE* f, FileLayout& layout)
 {
-    FILE* f = std::fopen(path, "r");
-    if (f == nullptr)
-        return fourcc("Efor");
-    int channels = 0;
-    int bits = 0;
-    float rate = 0.0f;
     unsigned int length = 0;
     unsigned int offset = 0;
-    const int code = scan(f, &channels, &bits, &rate, &length, &offset);
-    std::fclose(f);
-    if (code != 0)
-        return code;
-    if (info == nullptr)
-        return 0;
-
-    const unsigned int frame_bytes = static_cast<unsigned int>(bits / 8) * static_cast<unsigned int>(channels);
-    const unsigned int frames = length / frame_bytes;
-    fill_file_info(info, channels, bits, rate, frames, length);
-    return 0;
+    const int code = scan(f, &layout.channels, &layout.bits, &layout.rate, &length, &offset);
+    layout.length = length;
+    layout.offset = offset;
+    return code;
 }
 
-ClipWAVE* ClipWAVE::open(const char* path, int* err, _kel_progress_ext_t* progress)
+int ClipWAVE::load_layout(const char* path, _kel_progress_ext_t* progress, const FileLayout& layout)
 {
-    *err = 0;
-    FILE* f = std::fopen(path, "r");
-    if (f == nullptr) {
-        *err = fourcc("Efor");
-        return nullptr;
-    }
-    int channels = 0;
-    int bits = 0;
-    float rate = 0.0f;
-    unsigned int length = 0;
-    unsigned int offset = 0;
-    *err = scan(f, &channels, &bits, &rate, &length, &offset);
-    std::fclose(f);
-    if (*err != 0)
-        return nullptr;
-
-    auto* clip = new ClipWAVE(channels, rate, bits, kel_get_raw_packet_size(), nullptr);
-    *err = clip->load(path, progress, channels, bits, rate, length, offset);
-    if (*err != 0) {
-        clip->close(nullptr);
-        delete clip;
-        return nullptr;
-    }
-    return clip;
+    return load(path, progress, layout.channels, layout.bits, layout.rate, static_cast<unsigned int>(layout.length),
+                static_cast<unsigned int>(layout.offset));
 }
 
 int ClipWAVE::load(const char* path, _kel_progress_ext_t* progress, int channels, int bits, float sampleRate,

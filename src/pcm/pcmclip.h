@@ -8,6 +8,8 @@
 #include "pcm/pcmcodec.h"
 #include "pcm/pcmloader.h"
 
+#include <cstdio>
+
 namespace KEL {
 
 // The members the three PCM clip classes (WAVE, AIFF, CAF) share: the
@@ -110,6 +112,61 @@ public:
         }
         *err = 0;
         return new Self(channels, sampleRate, bits, 1024, nullptr);
+    }
+
+    // Where a file's audio is and how it is stored, as the format's scan
+    // finds it (little: little-endian samples, for the formats that have
+    // both orders).
+    struct FileLayout {
+        int channels = 0;
+        int bits = 0;
+        float rate = 0.0f;
+        bool little = false;
+        long long length = 0;
+        long long offset = 0;
+    };
+
+    // Scans the file at path with the format's scan_layout: 0 or the scan's
+    // code, "Efor" when the file cannot be opened.
+    static int scan_path(const char* path, FileLayout& layout)
+    {
+        FILE* f = std::fopen(path, "r");
+        if (f == nullptr)
+            return fourcc("Efor");
+        const int code = Self::scan_layout(f, layout);
+        std::fclose(f);
+        return code;
+    }
+
+    // Fills info from the headers alone; progress is not used.
+    static int get_file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t*)
+    {
+        FileLayout layout;
+        const int code = scan_path(path, layout);
+        if (code != 0 || info == nullptr)
+            return code;
+        const long long frame_bytes = static_cast<long long>(layout.bits / 8) * layout.channels;
+        const long long frames = frame_bytes > 0 ? layout.length / frame_bytes : 0;
+        fill_file_info(info, layout.channels, layout.bits, layout.rate, frames, layout.length);
+        return 0;
+    }
+
+    // A clip of the file at path, in packets of the raw packet size; null
+    // with the scan's or the load's code in err when either fails.
+    static Self* open(const char* path, int* err, _kel_progress_ext_t* progress)
+    {
+        FileLayout layout;
+        *err = scan_path(path, layout);
+        if (*err != 0)
+            return nullptr;
+        auto* clip = new Self(layout.channels, layout.rate, layout.bits, kel_get_raw_packet_size(), nullptr);
+        *err = clip->load_layout(path, progress, layout);
+        if (*err != 0) {
+            clip->close(nullptr);
+            delete clip;
+            return nullptr;
+        }
+        return clip;
     }
 
     // The record get_file_info gives for a file of frames frames in length
