@@ -35,9 +35,6 @@ Pcm make_pcm(int channels, int bits, int rate, size_t frames, double noise_share
 Bytes big_endian_bytes(const Pcm& pcm, size_t first_frame, size_t frames);
 void write_wav(const std::string& path, const Pcm& pcm);
 
-// A folder from mkdtemp, removed with its files.
-using TempDir = TempFolder;
-
 // Runs ffmpeg quietly with the arguments; true on exit status 0.
 bool run_ffmpeg(const std::vector<std::string>& args);
 

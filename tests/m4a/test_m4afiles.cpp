@@ -25,7 +25,7 @@ std::unique_ptr<M4A_Parser> parser_for(bool alac)
 }
 
 // Opens, detects and parses path; every packet must equal ffprobe's.
-std::unique_ptr<M4A_Parser> parse_like_ffprobe(const std::string& path, bool alac, const TempDir& dir)
+std::unique_ptr<M4A_Parser> parse_like_ffprobe(const std::string& path, bool alac)
 {
     FILE* f = std::fopen(path.c_str(), "rb");
     EXPECT_NE(f, nullptr) << path;
@@ -37,7 +37,7 @@ std::unique_ptr<M4A_Parser> parse_like_ffprobe(const std::string& path, bool ala
     EXPECT_EQ(parser->parse(f), 0) << path;
     std::fclose(f);
 
-    const auto probed = probe_packets(path, dir.root());
+    const auto probed = probe_packets(path);
     EXPECT_FALSE(probed.empty()) << path;
     EXPECT_EQ(parser->get_packet_count(), static_cast<int>(probed.size())) << path;
     for (size_t i = 0; i < probed.size(); ++i) {
@@ -75,18 +75,18 @@ int maximum_bit_rate(const Bytes& file)
 
 TEST(M4AFiles, AacPacketsAndParametersMatchFfprobe)
 {
-    TempDir dir;
     struct Case {
         int rate, channels, kbps;
         bool faststart;
     } cases[] = {{22050, 1, 48, false}, {44100, 2, 128, true}, {48000, 2, 96, false}, {8000, 1, 16, true}};
     for (const Case& c : cases) {
-        const std::string path = make_aac(dir, "aac.m4a", c.rate, c.channels, c.kbps, 1.2, c.faststart);
+        const std::string path =
+            make_aac("aac" + std::to_string(c.rate) + ".m4a", c.rate, c.channels, c.kbps, 1.2, c.faststart);
         ASSERT_FALSE(path.empty()) << "ffmpeg could not make the file";
-        auto parser = parse_like_ffprobe(path, false, dir);
+        auto parser = parse_like_ffprobe(path, false);
         ASSERT_TRUE(parser);
         Probe probe;
-        ASSERT_TRUE(ffprobe(path, probe, dir.root()));
+        ASSERT_TRUE(ffprobe(path, probe));
         EXPECT_EQ(parser->channels, probe.channels) << c.rate;
         EXPECT_EQ(parser->sample_rate, static_cast<float>(probe.sample_rate)) << c.rate;
         // ffmpeg's maxima lie within the table, so they decide alone.
@@ -99,14 +99,14 @@ TEST(M4AFiles, AacPacketsAndParametersMatchFfprobe)
 
 TEST(M4AFiles, AlacPacketsAndParametersMatchFfprobe)
 {
-    TempDir dir;
     struct Case {
         int rate, channels, bits, frames;
     } cases[] = {{44100, 2, 16, 10000}, {48000, 1, 24, 9000}, {96000, 2, 24, 4096 * 2 + 5}};
     for (const Case& c : cases) {
-        const std::string path = make_alac(dir, "alac.m4a", c.rate, c.channels, c.bits, c.frames);
+        const std::string path =
+            make_alac("alac" + std::to_string(c.rate) + ".m4a", c.rate, c.channels, c.bits, c.frames);
         ASSERT_FALSE(path.empty()) << "ffmpeg could not make the file";
-        auto parser = parse_like_ffprobe(path, true, dir);
+        auto parser = parse_like_ffprobe(path, true);
         ASSERT_TRUE(parser);
         EXPECT_EQ(parser->channels, c.channels);
         EXPECT_EQ(parser->sample_rate, static_cast<float>(c.rate)) << "from the configuration, beyond 16.16";
@@ -162,9 +162,8 @@ void damage(const Bytes& file, bool alac)
 
 TEST(M4AFiles, DamagedMoovGivesCodesNotCrashes)
 {
-    TempDir dir;
-    const std::string aac = make_aac(dir, "small_aac.m4a", 44100, 2, 64, 0.3, true);
-    const std::string alac = make_alac(dir, "small_alac.m4a", 44100, 1, 16, 5000);
+    const std::string aac = make_aac("small_aac.m4a", 44100, 2, 64, 0.3, true);
+    const std::string alac = make_alac("small_alac.m4a", 44100, 1, 16, 5000);
     ASSERT_FALSE(aac.empty());
     ASSERT_FALSE(alac.empty());
     damage(read_file(aac), false);

@@ -1,0 +1,150 @@
+// What the WAVE, AIFF and CAF tests run over: one descriptor per format
+// with its file layout (chunk framing, canonical header, hand-made files
+// with one fault each and unusual layouts that must open), the peer tools'
+// options for it, and adaptors to its clip and packet classes; and the
+// rules for a stored sample under gain and envelope, worked out here.
+#ifndef KEL_TESTS_PCM_PCMFORMATS_H
+#define KEL_TESTS_PCM_PCMFORMATS_H
+
+#include "common/oracle.h"
+#include "core/clipencoder.h"
+#include "core/packet.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace KEL {
+namespace test {
+
+// One chunk of a container: its id and its body (without a pad byte).
+struct Chunk {
+    std::string id;
+    Bytes body;
+};
+
+// A hand-made file with bytes replaced at some places, and the code that
+// opening it must give (in_headers: file_info finds the fault too).
+struct Patch {
+    size_t at;
+    Bytes bytes;
+};
+struct Fault {
+    const char* what;
+    Bytes file;
+    int code;
+    bool in_headers = true;
+};
+Bytes patched(Bytes file, const std::vector<Patch>& patches);
+
+// An unusual file that must open as one packet of these samples; the data
+// starts at offset and holds length bytes; resaves: saving it gives the
+// format's canonical three-frame file.
+struct Layout {
+    const char* what;
+    Bytes file;
+    std::vector<float> left, right;
+    int channels;
+    long long offset, length;
+    bool resaves;
+};
+
+struct PcmFormat {
+    const char* name;
+    int format;      // KEL_FORMAT_*
+    int packet_type; // Packet::Type*
+    const char* extension;
+    int header_bytes;      // of the files KEL writes
+    long long read_limit;  // files of this size are refused; 0: none
+    std::vector<int> widths;
+    bool hands_out_big;    // byte order of the packets' get_bytes
+    // ffmpeg: the muxer options, the codec of each width, a codec whose
+    // stored order is not the handed-out one, the codecs of saved files,
+    // codecs KEL refuses.
+    std::vector<std::string> muxer;
+    const char* codec16;
+    const char* codec24;
+    const char* swapped16;
+    const char* saved16;
+    const char* saved24;
+    std::vector<std::string> refused;
+    // Chunk framing: file header bytes before the first chunk, size field
+    // width, big-endian sizes, pad byte after odd chunks.
+    const char* magic;
+    int size_bytes;
+    bool big_sizes;
+    bool padded;
+    const char* format_chunk;
+    const char* data_chunk;
+    // The canonical three frames of 16-bit stereo at 44100 Hz as KEL writes
+    // them: -32768/32767, 16384/-16384, 1/-1.
+    Bytes canonical;
+    std::vector<Fault> faults;
+    std::vector<Layout> layouts;
+
+    // frames of pattern() as 16-bit stereo at 44100 Hz, the data claiming
+    // claimed bytes; little picks the other stored order where the format
+    // has one (AIFF-C "sowt", little-endian CAF).
+    Bytes (*stereo16)(int frames, uint32_t claimed, bool little);
+    // The header KEL writes for frames of the given shape and extra bytes.
+    Bytes (*header)(int channels, int bits, int rate, uint32_t frames, uint32_t extra);
+    // A valid file with chunks around the data, and how many bytes lead
+    // up to the first sample.
+    Bytes (*damage_base)(size_t& header_bytes);
+    // Extra chunks around the data chunk of a peer tool's file.
+    void (*splice)(std::vector<Chunk>& chunks);
+
+    int (*detect)(const char* path);
+    Clip* (*open)(const char* path, int* err, _kel_progress_ext_t* progress);
+    Clip* (*create_empty)(int channels, float rate, int bits, int* err);
+    // scan() with every other out-pointer null.
+    int (*scan)(FILE* f, long long* length, long long* offset);
+    int (*packet_frames)(Clip* clip);
+    int (*encoder_frames)(ClipEncoder* encoder);
+    int (*encoder_bit_rate)(ClipEncoder* encoder);
+    // A 16-bit stereo packet at 44100 Hz over handle (frames on disk too).
+    Packet* (*make_packet)(int frames, BSHandle* handle);
+    // The stored order of a packet: true for little-endian.
+    bool (*little)(Packet* packet);
+};
+
+extern const PcmFormat kWave, kAiff, kCaf;
+
+// Splits a container into its form type and chunks (a chunk cut off by the
+// end of the file keeps the bytes present), and builds one back with the
+// right sizes.
+bool parse_chunks(const PcmFormat& f, const Bytes& file, std::string& form, std::vector<Chunk>& chunks);
+Bytes build_chunks(const PcmFormat& f, const std::string& form, const std::vector<Chunk>& chunks);
+int find_chunk(const std::vector<Chunk>& chunks, const std::string& id);
+
+// 16-bit sample of frame i, channel c, covering the whole range.
+int16_t pattern(int i, int c);
+
+// A stored sample after a gain and an optional envelope factor. 16 bit:
+// single-precision products, clamped, truncated toward zero. 24 bit: the
+// same on the sample times 256, then the low byte dropped, which floors.
+int32_t scaled(int32_t s, int bits, float gain, const float* envelope = nullptr);
+// A float sample as the 16-bit integer the encoders store.
+int16_t to16(float x);
+
+// Packet gains and envelopes set on a clip; index -1 is the last packet.
+struct GainPlan {
+    std::vector<float> gains;
+    std::vector<std::vector<float>> envelopes; // empty for none
+};
+GainPlan apply_plan(Clip& clip, const std::vector<std::pair<int, float>>& gains, const std::vector<int>& falling);
+// The stored integers after the plan, frame-interleaved; 1024-frame packets.
+std::vector<int32_t> predict(const std::vector<int32_t>& original, int channels, int bits, const GainPlan& plan);
+
+// Writes every prefix (up to 512 bytes), the file less 1 to 16 bytes, and
+// 3000 seeded variants with 1 to 4 random bytes in the first header_bytes:
+// each must be refused with a code or open as a clip whose packets all
+// decode within bounds.
+void expect_damage_handled(const Bytes& valid, size_t header_bytes, const std::string& file, unsigned seed);
+
+} // namespace test
+} // namespace KEL
+
+#endif
