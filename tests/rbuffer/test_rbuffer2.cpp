@@ -128,22 +128,6 @@ TEST(RBuffer2Size, ZeroSizeMovesNothing)
     EXPECT_EQ(write_ramp(empty.get(), 4, 0), 0);
 }
 
-TEST(RBuffer2Wrap, WriteIsLimitedByFreeSpaceAndWraps)
-{
-    Buffer rb(rbuffer2_create(10, 0));
-    ASSERT_TRUE(rb);
-    EXPECT_EQ(write_ramp(rb.get(), 7, 0), 7);
-    expect_read_ramp(rb.get(), 5, 5, 0);
-    // Free is 8: all of it fits, wrapping past the end of the lanes.
-    EXPECT_EQ(write_ramp(rb.get(), 8, 7), 8);
-    EXPECT_EQ(positions(rb.get()), std::make_pair(5, 5));
-    EXPECT_EQ(rbuffer2_free_space(rb.get()), 0);
-    EXPECT_EQ(write_ramp(rb.get(), 3, 0), 0);
-    expect_read_ramp(rb.get(), 100, 10, 5);
-    EXPECT_EQ(rbuffer2_used_space(rb.get()), 0);
-    EXPECT_EQ(rbuffer2_read(rb.get(), nullptr, nullptr, 4), 0);
-}
-
 TEST(RBuffer2Wrap, WriteEndingAtTheEndRestartsAtZero)
 {
     // A lane of 8 bytes; a write position left at 8 would land in lane B.
