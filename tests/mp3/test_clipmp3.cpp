@@ -1,15 +1,14 @@
 // MP3 clips against peer tools: streams made by lame are opened and their
 // packets compared with ffprobe's, decoded and compared with ffmpeg's decode
-// of the same frames, gained and compared with mp3gain's rewrite; damaged
-// and foreign files give a clip or a code.
+// of the same frames; damaged and foreign files give a clip or a code.
+// (Gained frames are compared with mp3gain's in the frame and save tests.)
 #include "mp3fixtures.h"
 
 #include "core/bshandlefile.h"
-#include "core/bshandlemem.h"
 #include "core/clipdecoder.h"
 #include "core/fourcc.h"
+#include "core/packet.h"
 #include "mp3/clipmp3.h"
-#include "mp3/packetmp3.h"
 #include "overview/overview.h"
 
 #include <gtest/gtest.h>
@@ -159,36 +158,6 @@ TEST(ClipMP3Streams, FileInfoScansEveryFrameFromTheFileStart)
     }
 }
 
-// A packet's bytes under two steps of gain are mp3gain's rewrite of its
-// frame, CRC included, and playing the packets with that gain is ffmpeg's
-// decode of the rewritten stream.
-TEST(ClipMP3Gain, PacketGainMatchesMp3gainBytesAndDecoding)
-{
-    const std::string path = stream_file(lame_stream("crc"));
-    const std::string gained = put("crc-gain.mp3", read_file(path));
-    ASSERT_EQ(run_tool({"mp3gain", "-g", "2", "-c", "-q", "-s", "s", gained}), 0);
-    const Bytes original = read_file(path), rewritten = read_file(gained);
-    ASSERT_NE(original, rewritten);
-    int err = 0;
-    ClipPtr clip = open_clip(path, err);
-    ASSERT_NE(clip, nullptr);
-    const float two_steps = std::sqrt(2.0f);
-    Bytes buf(4096);
-    for (int i = 0; i < clip->packet_count; ++i) {
-        Packet* p = clip->get_packet(i);
-        const long at = static_cast<long>(offset_of(*clip, i));
-        const int n = p->get_bytes(buf.data(), 1.0f);
-        ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + n, original.begin() + at)) << i;
-        ASSERT_EQ(p->get_bytes(buf.data(), two_steps), n);
-        ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + n, rewritten.begin() + at)) << i;
-        p->gain = two_steps;
-    }
-    const Samples ours = decode_clip(*clip), ref = ffmpeg_mp3_frames(gained);
-    ASSERT_EQ(ours.left.size(), ref.left.size());
-    EXPECT_TRUE(same_bits(ours.left, ref.left));
-    EXPECT_TRUE(same_bits(ours.right, ref.right));
-}
-
 TEST(ClipMP3Gain, QuantizedGainIsTheScaleDecodingApplies)
 {
     int err = 0;
@@ -218,33 +187,6 @@ TEST(ClipMP3Gain, QuantizedGainIsTheScaleDecodingApplies)
     ASSERT_NE(twin->gain_envelope(frames), nullptr);
     EXPECT_EQ(twin->gain_envelope(frames)[100], 0.5f);
     twin->release();
-}
-
-TEST(ClipMP3Gain, PrerollCountWalksThePacketsBytes)
-{
-    // MPEG-1 frames: header, 32 bytes of side information starting with
-    // the 9-bit main_data_begin, then main data.
-    ClipMP3 clip(2, 44100.0f, 3, KELClipStereoModeJointStereo, 128000, nullptr);
-    for (const auto& [begin, main] : std::vector<std::pair<int, int>>{{10, 300}, {0, 300}, {500, 300}, {9, 0}, {1, 9}}) {
-        Bytes f = {0xFF, 0xFB, 0x90, 0x44, static_cast<unsigned char>(begin >> 1),
-                   static_cast<unsigned char>((begin & 1) << 7)};
-        f.resize(36 + static_cast<size_t>(main), 0);
-        auto* h = new BSHandleMem(static_cast<int>(f.size()));
-        ASSERT_TRUE(h->init_with_copy(f.data()));
-        auto* p = new PacketMP3(128000, 44100.0f, 2, 1152, 3, h);
-        h->release();
-        clip.add_packet(p);
-        p->release();
-    }
-    // packet: (count, code)
-    const std::vector<std::pair<int, int>> want = {{0, fourcc("Epre")}, {0, 0}, {2, 0}, {1, 0}, {0, fourcc("Ebps")},
-                                                   {0, fourcc("EPnm")}};
-    for (int i = 0; i < 6; ++i) {
-        int err = -1;
-        EXPECT_EQ(clip.packet_preroll_count(i, &err), want[static_cast<size_t>(i)].first) << i;
-        EXPECT_EQ(err, want[static_cast<size_t>(i)].second) << i;
-    }
-    clip.close(nullptr);
 }
 
 TEST(ClipMP3Open, DamagedAndForeignFilesGiveAClipOrACode)

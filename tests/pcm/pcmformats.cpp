@@ -3,9 +3,6 @@
 #include "core/fourcc.h"
 #include "pcm/clipaiff.h"
 #include "pcm/clipcaff.h"
-#include "pcm/clipencoderaiff.h"
-#include "pcm/clipencodercaff.h"
-#include "pcm/clipencoderwave.h"
 #include "pcm/clipwave.h"
 #include "pcm/packetaiff.h"
 #include "pcm/packetcaff.h"
@@ -131,77 +128,39 @@ void wave_splice(std::vector<Chunk>& c)
 
 PcmFormat make_wave()
 {
-    PcmFormat f;
-    f.name = "WAVE";
-    f.format = KEL_FORMAT_WAVE;
-    f.packet_type = Packet::TypeWAVE;
-    f.extension = ".wav";
-    f.header_bytes = 44;
-    f.read_limit = 4294967296LL;
-    f.widths = {16, 24};
-    f.hands_out_big = false;
-    f.codec16 = "pcm_s16le";
-    f.codec24 = "pcm_s24le";
-    f.swapped16 = nullptr;
-    f.saved16 = "pcm_s16le";
-    f.saved24 = "pcm_s24le";
-    f.refused = {"pcm_f32le", "pcm_u8", "pcm_s32le"};
-    f.magic = "RIFF";
-    f.size_bytes = 4;
-    f.big_sizes = false;
-    f.padded = true;
-    f.format_chunk = "fmt ";
-    f.data_chunk = "data";
-    f.canonical = kWaveCanonical;
     const int ewav = fourcc("Ewav");
-    f.faults = {
-        {"float format tag", patched(kWaveCanonical, {{20, {3, 0}}}), kEfms},
-        {"extensible format tag", patched(kWaveCanonical, {{20, {0xFE, 0xFF}}}), kEfms},
-        {"8-bit samples", patched(kWaveCanonical, {{34, {8, 0}}}), kEfms},
-        {"32-bit samples", patched(kWaveCanonical, {{34, {32, 0}}}), kEfms},
-        {"no channels", patched(kWaveCanonical, {{22, {0, 0}}}), ewav},
-        {"sample rate 0", patched(kWaveCanonical, {{24, {0, 0, 0, 0}}}), ewav},
-        {"no data chunk", patched(kWaveCanonical, {{36, {'d', 'a', 't', 'b'}}}), ewav},
-        {"data shorter than one frame", patched(kWaveCanonical, {{40, {3, 0, 0, 0}}}), ewav, false},
-        {"empty data", patched(kWaveCanonical, {{40, {0, 0, 0, 0}}}), ewav, false},
-        {"nested RIFF", patched(kWaveCanonical, {{36, {'R', 'I', 'F', 'F'}}}), ewav},
-        {"the last chunk header has nothing after it", Bytes(kWaveCanonical.begin(), kWaveCanonical.begin() + 44),
-         ewav},
-        {"fmt cut short", Bytes(kWaveCanonical.begin(), kWaveCanonical.begin() + 30), fourcc("Eeof")},
-        {"not RIFF", patched(kWaveCanonical, {{0, {'R', 'I', 'F', 'X'}}}), kEfmu},
-        {"not WAVE", patched(kWaveCanonical, {{8, {'A', 'V', 'I', ' '}}}), kEfmu},
+    return PcmFormat{
+        "WAVE", KEL_FORMAT_WAVE, Packet::TypeWAVE, ".wav", 44, 4294967296LL, {16, 24}, false,
+        {}, "pcm_s16le", "pcm_s24le", nullptr, "pcm_s16le", "pcm_s24le", {"pcm_f32le", "pcm_u8", "pcm_s32le"},
+        "RIFF", 4, false, true, "fmt ", "data", kWaveCanonical,
+        {
+            {"float format tag", patched(kWaveCanonical, {{20, {3, 0}}}), kEfms},
+            {"extensible format tag", patched(kWaveCanonical, {{20, {0xFE, 0xFF}}}), kEfms},
+            {"8-bit samples", patched(kWaveCanonical, {{34, {8, 0}}}), kEfms},
+            {"32-bit samples", patched(kWaveCanonical, {{34, {32, 0}}}), kEfms},
+            {"no channels", patched(kWaveCanonical, {{22, {0, 0}}}), ewav},
+            {"sample rate 0", patched(kWaveCanonical, {{24, {0, 0, 0, 0}}}), ewav},
+            {"no data chunk", patched(kWaveCanonical, {{36, {'d', 'a', 't', 'b'}}}), ewav},
+            {"data shorter than one frame", patched(kWaveCanonical, {{40, {3, 0, 0, 0}}}), ewav, false},
+            {"empty data", patched(kWaveCanonical, {{40, {0, 0, 0, 0}}}), ewav, false},
+            {"nested RIFF", patched(kWaveCanonical, {{36, {'R', 'I', 'F', 'F'}}}), ewav},
+            {"the last chunk header has nothing after it", Bytes(kWaveCanonical.begin(), kWaveCanonical.begin() + 44),
+                 ewav},
+            {"fmt cut short", Bytes(kWaveCanonical.begin(), kWaveCanonical.begin() + 30), fourcc("Eeof")},
+            {"not RIFF", patched(kWaveCanonical, {{0, {'R', 'I', 'F', 'X'}}}), kEfmu},
+            {"not WAVE", patched(kWaveCanonical, {{8, {'A', 'V', 'I', ' '}}}), kEfmu},
+        },
+        {
+            {"canonical", kWaveCanonical, kLeft, kRight, 2, true},
+            {"data claims more than the file holds", patched(kWaveCanonical, {{40, {0xE8, 0x03, 0, 0}}}), kLeft, kRight, 2, true},
+            {"fmt after data", kWaveFormatLast, {0.25f, -0.25f}, {0.25f, -0.25f}, 1, false},
+            {"three channels after a padded chunk", kWaveThree, {0.125f}, {0.375f}, 3, false},
+        },
+        wave_stereo16, wave_header, wave_damage_base, wave_splice, ClipWAVE::detect,
+        [](const char* p, int* e, _kel_progress_ext_t* g) -> Clip* { return ClipWAVE::open(p, e, g); },
+        [](int c, float r, int b, int* e) -> Clip* { return ClipWAVE::create_empty(c, r, b, e); },
+        [](int frames, BSHandle* h) -> Packet* { return new PacketWAVE(16, 0, 44100.0f, 2, frames, frames, h); },
     };
-    f.layouts = {
-        {"canonical", kWaveCanonical, kLeft, kRight, 2, 44, 12, true},
-        {"data claims more than the file holds", patched(kWaveCanonical, {{40, {0xE8, 0x03, 0, 0}}}), kLeft, kRight, 2,
-         44, -1, true},
-        {"fmt after data", kWaveFormatLast, {0.25f, -0.25f}, {0.25f, -0.25f}, 1, 20, 4, false},
-        {"three channels after a padded chunk", kWaveThree, {0.125f}, {0.375f}, 3, 56, 6, false},
-    };
-    f.stereo16 = wave_stereo16;
-    f.header = wave_header;
-    f.damage_base = wave_damage_base;
-    f.splice = wave_splice;
-    f.detect = ClipWAVE::detect;
-    f.open = [](const char* p, int* e, _kel_progress_ext_t* g) -> Clip* { return ClipWAVE::open(p, e, g); };
-    f.create_empty = [](int c, float r, int b, int* e) -> Clip* { return ClipWAVE::create_empty(c, r, b, e); };
-    f.scan = [](FILE* file, long long* length, long long* offset) {
-        unsigned int l = 0, o = 0;
-        const int code = ClipWAVE::scan(file, nullptr, nullptr, nullptr, length ? &l : nullptr, offset ? &o : nullptr);
-        if (length)
-            *length = l;
-        if (offset)
-            *offset = o;
-        return code;
-    };
-    f.packet_frames = [](Clip* c) { return static_cast<ClipWAVE*>(c)->packetFrames; };
-    f.encoder_frames = [](ClipEncoder* e) { return static_cast<ClipEncoderWAVE*>(e)->packetFrames; };
-    f.encoder_bit_rate = [](ClipEncoder* e) { return static_cast<ClipEncoderWAVE*>(e)->bitRate; };
-    f.make_packet = [](int frames, BSHandle* h) -> Packet* {
-        return new PacketWAVE(16, 0, 44100.0f, 2, frames, frames, h);
-    };
-    f.little = [](Packet*) { return true; };
-    return f;
 }
 
 // ---- AIFF ----
@@ -280,97 +239,58 @@ void aiff_splice(std::vector<Chunk>& c)
 
 PcmFormat make_aiff()
 {
-    PcmFormat f;
-    f.name = "AIFF";
-    f.format = KEL_FORMAT_AIFF;
-    f.packet_type = Packet::TypeAIFF;
-    f.extension = ".aiff";
-    f.header_bytes = 54;
-    f.read_limit = 2147483648LL;
-    f.widths = {16, 24};
-    f.hands_out_big = true;
-    f.codec16 = "pcm_s16be";
-    f.codec24 = "pcm_s24be";
-    f.swapped16 = "pcm_s16le";
-    f.saved16 = "pcm_s16be";
-    f.saved24 = "pcm_s24be";
-    f.refused = {"pcm_s8", "pcm_s32be", "pcm_f32be", "pcm_mulaw", "pcm_alaw"};
-    f.magic = "FORM";
-    f.size_bytes = 4;
-    f.big_sizes = true;
-    f.padded = true;
-    f.format_chunk = "COMM";
-    f.data_chunk = "SSND";
-    f.canonical = kAiffPlain;
     const int eaif = fourcc("Eaif");
     const Bytes& p = kAiffPlain;
-    f.faults = {
-        {"not FORM", patched(p, {{0, {'F', 'O', 'R', 'N'}}}), kEfmu},
-        {"other form type", patched(p, {{8, {'A', 'I', 'F', 'X'}}}), kEfmu},
-        {"negative FORM size", patched(p, {{4, {0x80, 0, 0, 0}}}), eaif},
-        {"no channels", patched(p, {{20, {0, 0}}}), eaif},
-        {"negative channels", patched(p, {{20, {0x80, 0}}}), eaif},
-        {"no frames, though SSND holds some", patched(p, {{22, {0, 0, 0, 0}}}), eaif},
-        {"negative frames", patched(p, {{22, {0x80, 0, 0, 0}}}), eaif},
-        {"rate 0", patched(p, {{28, Bytes(10, 0)}}), eaif},
-        {"rate -44100", patched(p, {{28, {0xC0}}}), eaif},
-        {"rate 2^-511, zero as a float", patched(p, {{28, {0x3E, 0x00, 0x80}}}), eaif},
-        {"rate NaN", patched(p, {{28, {0x7F, 0xFF, 0xC0}}}), eaif},
-        {"8-bit samples", patched(p, {{26, {0, 8}}}), kEfms},
-        {"32-bit samples", patched(p, {{26, {0, 32}}}), kEfms},
-        {"no channels wins over 8 bits", patched(p, {{20, {0, 0}}, {26, {0, 8}}}), eaif},
-        {"negative chunk size", patched(p, {{16, {0xFF, 0xFF, 0xFF, 0xFE}}}), eaif},
-        {"nested FORM", patched(p, {{12, {'F', 'O', 'R', 'M'}}}), eaif},
-        {"no COMM", patched(p, {{12, {'C', 'O', 'M', 'X'}}}), eaif},
-        {"no SSND", patched(p, {{38, {'S', 'S', 'N', 'E'}}}), eaif},
-        {"negative SSND offset", patched(p, {{46, {0xFF, 0xFF, 0xFF, 0xFF}}}), eaif},
-        {"SSND offset at the end of the file", patched(p, {{42, {0, 0, 0x10, 0}}, {46, {0, 0, 0, 12}}}), eaif},
-        {"SSND holds only its fields", patched(p, {{42, {0, 0, 0, 8}}}), eaif},
-        {"SSND shorter than a frame", patched(p, {{42, {0, 0, 0, 11}}}), eaif, false},
-        {"COMM cut short", Bytes(p.begin(), p.begin() + 30), fourcc("Eeof")},
-        {"compression ulaw at 16 bits", patched(kAiffSowt, {{50, {'u', 'l', 'a', 'w'}}}), kEfms},
-        {"compression fl32", patched(kAiffSowt, {{50, {'f', 'l', '3', '2'}}}), kEfms},
-        {"NONE at 8 bits", patched(kAiffSowt, {{50, {'N', 'O', 'N', 'E'}}, {38, {0, 8}}}), kEfms},
-        {"AIFF-C without channels", patched(kAiffSowt, {{32, {0, 0}}}), eaif},
+    return PcmFormat{
+        "AIFF", KEL_FORMAT_AIFF, Packet::TypeAIFF, ".aiff", 54, 2147483648LL, {16, 24}, true,
+        {}, "pcm_s16be", "pcm_s24be", "pcm_s16le", "pcm_s16be", "pcm_s24be",
+        {"pcm_s8", "pcm_s32be", "pcm_f32be", "pcm_mulaw", "pcm_alaw"},
+        "FORM", 4, true, true, "COMM", "SSND", kAiffPlain,
+        {
+            {"not FORM", patched(p, {{0, {'F', 'O', 'R', 'N'}}}), kEfmu},
+            {"other form type", patched(p, {{8, {'A', 'I', 'F', 'X'}}}), kEfmu},
+            {"negative FORM size", patched(p, {{4, {0x80, 0, 0, 0}}}), eaif},
+            {"no channels", patched(p, {{20, {0, 0}}}), eaif},
+            {"negative channels", patched(p, {{20, {0x80, 0}}}), eaif},
+            {"no frames, though SSND holds some", patched(p, {{22, {0, 0, 0, 0}}}), eaif},
+            {"negative frames", patched(p, {{22, {0x80, 0, 0, 0}}}), eaif},
+            {"rate 0", patched(p, {{28, Bytes(10, 0)}}), eaif},
+            {"rate -44100", patched(p, {{28, {0xC0}}}), eaif},
+            {"rate 2^-511, zero as a float", patched(p, {{28, {0x3E, 0x00, 0x80}}}), eaif},
+            {"rate NaN", patched(p, {{28, {0x7F, 0xFF, 0xC0}}}), eaif},
+            {"8-bit samples", patched(p, {{26, {0, 8}}}), kEfms},
+            {"32-bit samples", patched(p, {{26, {0, 32}}}), kEfms},
+            {"no channels wins over 8 bits", patched(p, {{20, {0, 0}}, {26, {0, 8}}}), eaif},
+            {"negative chunk size", patched(p, {{16, {0xFF, 0xFF, 0xFF, 0xFE}}}), eaif},
+            {"nested FORM", patched(p, {{12, {'F', 'O', 'R', 'M'}}}), eaif},
+            {"no COMM", patched(p, {{12, {'C', 'O', 'M', 'X'}}}), eaif},
+            {"no SSND", patched(p, {{38, {'S', 'S', 'N', 'E'}}}), eaif},
+            {"negative SSND offset", patched(p, {{46, {0xFF, 0xFF, 0xFF, 0xFF}}}), eaif},
+            {"SSND offset at the end of the file", patched(p, {{42, {0, 0, 0x10, 0}}, {46, {0, 0, 0, 12}}}), eaif},
+            {"SSND holds only its fields", patched(p, {{42, {0, 0, 0, 8}}}), eaif},
+            {"SSND shorter than a frame", patched(p, {{42, {0, 0, 0, 11}}}), eaif, false},
+            {"COMM cut short", Bytes(p.begin(), p.begin() + 30), fourcc("Eeof")},
+            {"compression ulaw at 16 bits", patched(kAiffSowt, {{50, {'u', 'l', 'a', 'w'}}}), kEfms},
+            {"compression fl32", patched(kAiffSowt, {{50, {'f', 'l', '3', '2'}}}), kEfms},
+            {"NONE at 8 bits", patched(kAiffSowt, {{50, {'N', 'O', 'N', 'E'}}, {38, {0, 8}}}), kEfms},
+            {"AIFF-C without channels", patched(kAiffSowt, {{32, {0, 0}}}), eaif},
+        },
+        {
+            {"plain AIFF", kAiffPlain, kLeft, kRight, 2, true},
+            {"AIFF-C sowt", kAiffSowt, kLeft, kRight, 2, true},
+            {"sowt means 16 bits whatever the sample size says", patched(kAiffSowt, {{38, {0, 24}}}), kLeft, kRight, 2, true},
+            {"SSND claims more than the file holds", patched(p, {{42, {0, 0, 0x10, 0}}}), kLeft, kRight, 2, true},
+                // A plain "COMM" is read as 18 bytes: its size field is not followed.
+            {"plain COMM with a wrong size", patched(p, {{16, {0, 0, 0, 26}}}), kLeft, kRight, 2, true},
+            {"AIFF-C COMM of odd size with its pad byte", patched(kAiffSowt, {{28, {0, 0, 0, 23}}}), kLeft, kRight, 2, true},
+            {"rate 2^-100, tiny but above zero as a float", patched(p, {{28, {0x3F, 0x9B, 0x80, 0, 0, 0}}}), kLeft, kRight,
+                 2, false},
+        },
+        aiff_stereo16, aiff_header, aiff_damage_base, aiff_splice, ClipAIFF::detect,
+        [](const char* p, int* e, _kel_progress_ext_t* g) -> Clip* { return ClipAIFF::open(p, e, g); },
+        [](int c, float r, int b, int* e) -> Clip* { return ClipAIFF::create_empty(c, r, b, e); },
+        [](int frames, BSHandle* h) -> Packet* { return new PacketAIFF(16, 0, 44100.0f, 2, false, frames, frames, h); },
     };
-    f.layouts = {
-        {"plain AIFF", kAiffPlain, kLeft, kRight, 2, 54, 12, true},
-        {"AIFF-C sowt", kAiffSowt, kLeft, kRight, 2, 72, 12, true},
-        {"sowt means 16 bits whatever the sample size says", patched(kAiffSowt, {{38, {0, 24}}}), kLeft, kRight, 2,
-         72, 12, true},
-        {"SSND claims more than the file holds", patched(p, {{42, {0, 0, 0x10, 0}}}), kLeft, kRight, 2, 54, -1, true},
-        // A plain "COMM" is read as 18 bytes: its size field is not followed.
-        {"plain COMM with a wrong size", patched(p, {{16, {0, 0, 0, 26}}}), kLeft, kRight, 2, 54, 12, true},
-        {"AIFF-C COMM of odd size with its pad byte", patched(kAiffSowt, {{28, {0, 0, 0, 23}}}), kLeft, kRight, 2,
-         72, 12, true},
-        {"rate 2^-100, tiny but above zero as a float", patched(p, {{28, {0x3F, 0x9B, 0x80, 0, 0, 0}}}), kLeft, kRight,
-         2, 54, 12, false},
-    };
-    f.stereo16 = aiff_stereo16;
-    f.header = aiff_header;
-    f.damage_base = aiff_damage_base;
-    f.splice = aiff_splice;
-    f.detect = ClipAIFF::detect;
-    f.open = [](const char* p, int* e, _kel_progress_ext_t* g) -> Clip* { return ClipAIFF::open(p, e, g); };
-    f.create_empty = [](int c, float r, int b, int* e) -> Clip* { return ClipAIFF::create_empty(c, r, b, e); };
-    f.scan = [](FILE* file, long long* length, long long* offset) {
-        int l = 0, o = 0;
-        const int code = ClipAIFF::scan(file, nullptr, nullptr, nullptr, nullptr, length ? &l : nullptr,
-                                        offset ? &o : nullptr);
-        if (length)
-            *length = l;
-        if (offset)
-            *offset = o;
-        return code;
-    };
-    f.packet_frames = [](Clip* c) { return static_cast<ClipAIFF*>(c)->packetFrames; };
-    f.encoder_frames = [](ClipEncoder* e) { return static_cast<ClipEncoderAIFF*>(e)->packetFrames; };
-    f.encoder_bit_rate = [](ClipEncoder* e) { return static_cast<ClipEncoderAIFF*>(e)->bitRate; };
-    f.make_packet = [](int frames, BSHandle* h) -> Packet* {
-        return new PacketAIFF(16, 0, 44100.0f, 2, false, frames, frames, h);
-    };
-    f.little = [](Packet* p) { return static_cast<PacketAIFF*>(p)->littleEndian; };
-    return f;
 }
 
 // ---- CAF ----
@@ -455,29 +375,6 @@ void caf_splice(std::vector<Chunk>& c)
 
 PcmFormat make_caf()
 {
-    PcmFormat f;
-    f.name = "CAF";
-    f.format = KEL_FORMAT_CAF;
-    f.packet_type = Packet::TypeCAF;
-    f.extension = ".caf";
-    f.header_bytes = 68;
-    f.read_limit = 0;
-    f.widths = {16};
-    f.hands_out_big = false;
-    f.muxer = {"-f", "caf"};
-    f.codec16 = "pcm_s16le";
-    f.codec24 = nullptr;
-    f.swapped16 = "pcm_s16be";
-    f.saved16 = "pcm_s16be";
-    f.saved24 = nullptr;
-    f.refused = {"pcm_s24be", "pcm_f32be", "pcm_alaw"};
-    f.magic = "caff";
-    f.size_bytes = 8;
-    f.big_sizes = true;
-    f.padded = false;
-    f.format_chunk = "desc";
-    f.data_chunk = "data";
-    f.canonical = kCafCanonical;
     const int ecaf = fourcc("Ecaf");
     const Bytes& k = kCafCanonical;
     ByteWriter ends_early = caff(), two_desc = caff(), unknown_first = caff(), two_data = caff(), huge = caff();
@@ -486,63 +383,54 @@ PcmFormat make_caf()
     desc(data(unknown_first, UINT64_MAX, kMono), 1, 0);
     desc(data(data(two_data, 14, kMono), 14, kMono), 1, 0);
     data(desc(huge.tag("free").be64(1ull << 62).zeros(8), 1, 0), 14, kMono);
-    f.faults = {
-        {"floating point flag", patched(k, {{32, {0, 0, 0, 1}}}), kEfms},
-        {"little-endian float", patched(k, {{32, {0, 0, 0, 3}}}), kEfms},
-        {"24-bit samples", patched(k, {{48, {0, 0, 0, 24}}}), kEfms},
-        {"8-bit samples", patched(k, {{48, {0, 0, 0, 8}}}), kEfms},
-        {"not linear PCM", patched(k, {{28, {'u', 'l', 'a', 'w'}}}), kEfms},
-        {"no channels", patched(k, {{44, {0, 0, 0, 0}}}), ecaf},
-        {"rate 0", patched(k, {{20, Bytes(8, 0)}}), ecaf},
-        {"negative rate", patched(k, {{20, {0xC0, 0xE5, 0x88, 0x80}}}), ecaf},
-        {"infinite rate", patched(k, {{20, {0x7F, 0xF0, 0, 0}}}), ecaf},
-        {"not a number as rate", patched(k, {{20, {0x7F, 0xF8, 0, 0}}}), ecaf},
-        {"data size 0", patched(k, {{56, Bytes(8, 0)}}), ecaf},
-        {"data smaller than its edit count", patched(k, {{56, {0, 0, 0, 0, 0, 0, 0, 3}}}), ecaf},
-        {"data size -2", patched(k, {{56, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}}}), ecaf},
-        {"data beyond the end of the file", patched(k, {{63, {17}}}), ecaf},
-        {"negative desc size", patched(k, {{12, {0x80}}}), ecaf},
-        {"no data chunk", patched(k, {{52, {'d', 'a', 't', 'b'}}}), ecaf},
-        {"nothing after desc", ends_early.bytes, ecaf},
-        {"two desc chunks", two_desc.bytes, ecaf},
-        {"data of unknown size before desc", unknown_first.bytes, ecaf},
-        {"two data chunks", two_data.bytes, ecaf},
-        {"a chunk that claims 2^62 bytes", huge.bytes, ecaf},
-        {"not caff", patched(k, {{0, {'c', 'a', 'f', 'e'}}}), kEfmu},
-        {"file version 2", patched(k, {{4, {0, 2}}}), kEfmu},
-    };
     ByteWriter to_end = caff(), little = caff(), data_first = caff(), long_desc = caff(), short_desc = caff();
     data(desc(to_end, 1, 0), UINT64_MAX, kMono).zeros(1); // a stray byte is no frame
     data(desc(little.tag("chan").be64(12).zeros(12), 1, 2), 14, kMono, true).tag("free").be64(3).zeros(3);
     desc(data(data_first, 14, kMono), 1, 0);
     data(desc(long_desc, 1, 0, 40), 14, kMono);
     data(desc(short_desc, 1, 0, 0), 14, kMono); // 32 bytes are read whatever the size says
-    f.layouts = {
-        {"engine layout", kCafCanonical, kLeft, kRight, 2, 68, 12, true},
-        {"data to the end of the file", to_end.bytes, kMonoFloats, kMonoFloats, 1, 68, 11, false},
-        {"little-endian between chan and free", little.bytes, kMonoFloats, kMonoFloats, 1, 92, 10, false},
-        {"data of known size before desc", data_first.bytes, kMonoFloats, kMonoFloats, 1, 24, 10, false},
-        {"desc longer than 32 bytes", long_desc.bytes, kMonoFloats, kMonoFloats, 1, 76, 10, false},
-        {"desc shorter than 32 bytes", short_desc.bytes, kMonoFloats, kMonoFloats, 1, 68, 10, false},
+    return PcmFormat{
+        "CAF", KEL_FORMAT_CAF, Packet::TypeCAF, ".caf", 68, 0, {16}, false,
+        {"-f", "caf"}, "pcm_s16le", nullptr, "pcm_s16be", "pcm_s16be", nullptr, {"pcm_s24be", "pcm_f32be", "pcm_alaw"},
+        "caff", 8, true, false, "desc", "data", kCafCanonical,
+        {
+            {"floating point flag", patched(k, {{32, {0, 0, 0, 1}}}), kEfms},
+            {"little-endian float", patched(k, {{32, {0, 0, 0, 3}}}), kEfms},
+            {"24-bit samples", patched(k, {{48, {0, 0, 0, 24}}}), kEfms},
+            {"8-bit samples", patched(k, {{48, {0, 0, 0, 8}}}), kEfms},
+            {"not linear PCM", patched(k, {{28, {'u', 'l', 'a', 'w'}}}), kEfms},
+            {"no channels", patched(k, {{44, {0, 0, 0, 0}}}), ecaf},
+            {"rate 0", patched(k, {{20, Bytes(8, 0)}}), ecaf},
+            {"negative rate", patched(k, {{20, {0xC0, 0xE5, 0x88, 0x80}}}), ecaf},
+            {"infinite rate", patched(k, {{20, {0x7F, 0xF0, 0, 0}}}), ecaf},
+            {"not a number as rate", patched(k, {{20, {0x7F, 0xF8, 0, 0}}}), ecaf},
+            {"data size 0", patched(k, {{56, Bytes(8, 0)}}), ecaf},
+            {"data smaller than its edit count", patched(k, {{56, {0, 0, 0, 0, 0, 0, 0, 3}}}), ecaf},
+            {"data size -2", patched(k, {{56, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}}}), ecaf},
+            {"data beyond the end of the file", patched(k, {{63, {17}}}), ecaf},
+            {"negative desc size", patched(k, {{12, {0x80}}}), ecaf},
+            {"no data chunk", patched(k, {{52, {'d', 'a', 't', 'b'}}}), ecaf},
+            {"nothing after desc", ends_early.bytes, ecaf},
+            {"two desc chunks", two_desc.bytes, ecaf},
+            {"data of unknown size before desc", unknown_first.bytes, ecaf},
+            {"two data chunks", two_data.bytes, ecaf},
+            {"a chunk that claims 2^62 bytes", huge.bytes, ecaf},
+            {"not caff", patched(k, {{0, {'c', 'a', 'f', 'e'}}}), kEfmu},
+            {"file version 2", patched(k, {{4, {0, 2}}}), kEfmu},
+        },
+        {
+            {"engine layout", kCafCanonical, kLeft, kRight, 2, true},
+            {"data to the end of the file", to_end.bytes, kMonoFloats, kMonoFloats, 1, false},
+            {"little-endian between chan and free", little.bytes, kMonoFloats, kMonoFloats, 1, false},
+            {"data of known size before desc", data_first.bytes, kMonoFloats, kMonoFloats, 1, false},
+            {"desc longer than 32 bytes", long_desc.bytes, kMonoFloats, kMonoFloats, 1, false},
+            {"desc shorter than 32 bytes", short_desc.bytes, kMonoFloats, kMonoFloats, 1, false},
+        },
+        caf_stereo16, caf_header, caf_damage_base, caf_splice, ClipCAFF::detect,
+        [](const char* p, int* e, _kel_progress_ext_t* g) -> Clip* { return ClipCAFF::open(p, e, g); },
+        [](int c, float r, int b, int* e) -> Clip* { return ClipCAFF::create_empty(c, r, b, e); },
+        [](int frames, BSHandle* h) -> Packet* { return new PacketCAFF(16, 0, 44100.0f, 2, false, frames, frames, h); },
     };
-    f.stereo16 = caf_stereo16;
-    f.header = caf_header;
-    f.damage_base = caf_damage_base;
-    f.splice = caf_splice;
-    f.detect = ClipCAFF::detect;
-    f.open = [](const char* p, int* e, _kel_progress_ext_t* g) -> Clip* { return ClipCAFF::open(p, e, g); };
-    f.create_empty = [](int c, float r, int b, int* e) -> Clip* { return ClipCAFF::create_empty(c, r, b, e); };
-    f.scan = [](FILE* file, long long* length, long long* offset) {
-        return ClipCAFF::scan(file, nullptr, nullptr, nullptr, nullptr, length, offset);
-    };
-    f.packet_frames = [](Clip* c) { return static_cast<ClipCAFF*>(c)->packetFrames; };
-    f.encoder_frames = [](ClipEncoder* e) { return static_cast<ClipEncoderCAFF*>(e)->packetFrames; };
-    f.encoder_bit_rate = [](ClipEncoder* e) { return static_cast<ClipEncoderCAFF*>(e)->bitRate; };
-    f.make_packet = [](int frames, BSHandle* h) -> Packet* {
-        return new PacketCAFF(16, 0, 44100.0f, 2, false, frames, frames, h);
-    };
-    f.little = [](Packet* p) { return static_cast<PacketCAFF*>(p)->littleEndian; };
-    return f;
 }
 
 // Opens a damaged file: refused with a code, or a clip whose packets all

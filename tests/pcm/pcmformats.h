@@ -7,11 +7,14 @@
 #define KEL_TESTS_PCM_PCMFORMATS_H
 
 #include "common/oracle.h"
-#include "core/clipencoder.h"
+#include "core/bshandlemem.h"
 #include "core/packet.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,15 +42,13 @@ struct Fault {
 };
 Bytes patched(Bytes file, const std::vector<Patch>& patches);
 
-// An unusual file that must open as one packet of these samples; the data
-// starts at offset and holds length bytes; resaves: saving it gives the
-// format's canonical three-frame file.
+// An unusual file that must open as one packet of these samples; resaves:
+// saving it gives the format's canonical three-frame file.
 struct Layout {
     const char* what;
     Bytes file;
     std::vector<float> left, right;
     int channels;
-    long long offset, length;
     bool resaves;
 };
 
@@ -99,15 +100,8 @@ struct PcmFormat {
     int (*detect)(const char* path);
     Clip* (*open)(const char* path, int* err, _kel_progress_ext_t* progress);
     Clip* (*create_empty)(int channels, float rate, int bits, int* err);
-    // scan() with every other out-pointer null.
-    int (*scan)(FILE* f, long long* length, long long* offset);
-    int (*packet_frames)(Clip* clip);
-    int (*encoder_frames)(ClipEncoder* encoder);
-    int (*encoder_bit_rate)(ClipEncoder* encoder);
     // A 16-bit stereo packet at 44100 Hz over handle (frames on disk too).
     Packet* (*make_packet)(int frames, BSHandle* handle);
-    // The stored order of a packet: true for little-endian.
-    bool (*little)(Packet* packet);
 };
 
 extern const PcmFormat kWave, kAiff, kCaf;
@@ -143,6 +137,104 @@ std::vector<int32_t> predict(const std::vector<int32_t>& original, int channels,
 // each must be refused with a code or open as a clip whose packets all
 // decode within bounds.
 void expect_damage_handled(const Bytes& valid, size_t header_bytes, const std::string& file, unsigned seed);
+
+// Progress reports; a cancel after cancel_after of them; the header of
+// watched, which must still be all zero while the audio is written.
+struct Reports {
+    std::vector<float> values;
+    int cancel_after = -1;
+    std::string watched; // a file whose header must still be zero
+    int header_bytes = 0, looked = 0;
+    bool nonzero = false;
+    static int record(void* context, float percent)
+    {
+        auto* r = static_cast<Reports*>(context);
+        r->values.push_back(percent);
+        if (!r->watched.empty()) {
+            const Bytes now = read_file(r->watched);
+            if (now.size() >= static_cast<size_t>(r->header_bytes)) {
+                ++r->looked;
+                r->nonzero = r->nonzero || std::any_of(now.begin(), now.begin() + r->header_bytes,
+                                                       [](unsigned char b) { return b != 0; });
+            }
+        }
+        return r->cancel_after < 0 || static_cast<int>(r->values.size()) <= r->cancel_after;
+    }
+};
+
+// The suite's base: a private folder, the peer tools, and the format's
+// files made by them.
+class PcmFormatTest : public ::testing::TestWithParam<const PcmFormat*> {
+protected:
+    void SetUp() override
+    {
+        ASSERT_FALSE(work.root().empty());
+        ASSERT_EQ(run_tool({"sox", "--version"}), 0) << "sox is required";
+        kel_set_raw_packet_size(0);
+    }
+    void TearDown() override { kel_set_raw_packet_size(0); }
+
+    const PcmFormat& fmt() const { return *GetParam(); }
+    std::string path(const std::string& name) const { return work.path(name + fmt().extension); }
+    std::string put(const std::string& name, const Bytes& bytes)
+    {
+        write_file(path(name), bytes);
+        return path(name);
+    }
+    // An ffmpeg tone of the channels (each its own expression, the first
+    // one clipping); piped writes through standard output.
+    std::string ffmpeg_file(const std::string& name, int channels, int rate, const char* seconds, const char* codec,
+                            const std::vector<std::string>& more = {}, bool piped = false)
+    {
+        static const char* const kExprs[] = {"1.2*sin(2*PI*440*t)", "0.5*sin(2*PI*223*t+1)", "-0.5"};
+        std::string exprs = "'" + std::string(kExprs[0]) + "'";
+        for (int c = 1; c < channels; ++c)
+            exprs += "|'" + std::string(kExprs[c]) + "'";
+        std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
+                                         "aevalsrc=exprs=" + exprs + ":s=" + std::to_string(rate) + ":d=" + seconds,
+                                         "-c:a", codec};
+        argv.insert(argv.end(), more.begin(), more.end());
+        argv.insert(argv.end(), fmt().muxer.begin(), fmt().muxer.end());
+        argv.push_back(piped ? "pipe:1" : path(name));
+        EXPECT_EQ(run_tool(argv, piped ? path(name) : std::string()), 0) << name;
+        return path(name);
+    }
+    std::string sox_file(const std::string& name, const char* type, int rate, int bits, int channels)
+    {
+        EXPECT_EQ(run_tool({"sox", "-n", "-r", std::to_string(rate), "-b", std::to_string(bits), "-c",
+                            std::to_string(channels), "-t", type, path(name), "synth", "0.1", "sine", "300", "sine",
+                            "470", "gain", "2"}),
+                  0)
+            << name;
+        return path(name);
+    }
+    template <typename Edit>
+    std::string respliced(const std::string& from, const std::string& name, Edit edit)
+    {
+        std::string form;
+        std::vector<Chunk> chunks;
+        EXPECT_TRUE(parse_chunks(fmt(), read_file(from), form, chunks)) << from;
+        edit(chunks);
+        return put(name, build_chunks(fmt(), form, chunks));
+    }
+    // Packets of the given sizes over memory that claims bytes but holds
+    // none, so that only the sizes can decide.
+    ClipPtr claiming_clip(int bytes_each, int frames_each)
+    {
+        int err = 0;
+        ClipPtr clip(fmt().create_empty(2, 44100.0f, 16, &err));
+        for (int i = 0; i < 2; ++i) {
+            auto* h = new BSHandleMem(bytes_each);
+            Packet* p = fmt().make_packet(frames_each, h);
+            clip->add_packet(p);
+            p->release();
+            h->release();
+        }
+        return clip;
+    }
+
+    TempDir work;
+};
 
 } // namespace test
 } // namespace KEL
