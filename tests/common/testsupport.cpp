@@ -214,35 +214,19 @@ ByteWriter& ByteWriter::tag(const char* four)
 
 ByteWriter& ByteWriter::le16(uint32_t v)
 {
-    bytes.push_back(static_cast<unsigned char>(v));
-    bytes.push_back(static_cast<unsigned char>(v >> 8));
+    bytes.insert(bytes.end(), {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8)});
     return *this;
-}
-
-ByteWriter& ByteWriter::le32(uint32_t v)
-{
-    le16(v & 0xFFFF);
-    return le16(v >> 16);
 }
 
 ByteWriter& ByteWriter::be16(uint32_t v)
 {
-    bytes.push_back(static_cast<unsigned char>(v >> 8));
-    bytes.push_back(static_cast<unsigned char>(v));
+    bytes.insert(bytes.end(), {static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)});
     return *this;
 }
 
-ByteWriter& ByteWriter::be32(uint32_t v)
-{
-    be16(v >> 16);
-    return be16(v & 0xFFFF);
-}
-
-ByteWriter& ByteWriter::be64(uint64_t v)
-{
-    be32(static_cast<uint32_t>(v >> 32));
-    return be32(static_cast<uint32_t>(v));
-}
+ByteWriter& ByteWriter::le32(uint32_t v) { return le16(v & 0xFFFF).le16(v >> 16); }
+ByteWriter& ByteWriter::be32(uint32_t v) { return be16(v >> 16).be16(v & 0xFFFF); }
+ByteWriter& ByteWriter::be64(uint64_t v) { return be32(static_cast<uint32_t>(v >> 32)).be32(static_cast<uint32_t>(v)); }
 
 ByteWriter& ByteWriter::raw(const Bytes& more)
 {

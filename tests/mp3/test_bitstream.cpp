@@ -23,21 +23,13 @@ long consumed(const Bitstream& bs)
     return static_cast<long>(bs.current - bs.start) * 8 + bs.bit_offset;
 }
 
-TEST(Bitstream, HeaderWalkAndEndOfData)
+TEST(Bitstream, EndOfData)
 {
     // One spare byte: get_bits_le8 loads the byte after its field.
     Bytes b = {0xFF, 0xFB, 0x92, 0x64, 0x5A, 0xC3, 0xEE};
     Bitstream bs(b.data(), 6);
     int err = -1;
-    EXPECT_EQ(bs.skip_bits(11), 0);
-    EXPECT_EQ(bs.get_bits_le8(2, err), int(test::read_field(b, 11, 2)));
-    EXPECT_EQ(err, 0);
-    EXPECT_EQ(bs.skip_bits(2), 0);
-    EXPECT_EQ(bs.get_bits_le8(1, err), int(test::read_field(b, 15, 1)));
-    EXPECT_EQ(bs.skip_bits(8), 0);
-    EXPECT_EQ(bs.get_bits_le8(2, err), int(test::read_field(b, 24, 2)));
-    EXPECT_EQ(consumed(bs), 26);
-
+    ASSERT_EQ(bs.skip_bits(26), 0);
     // 22 bits are left: 23 fail without moving, 22 reach the end exactly.
     EXPECT_EQ(bs.skip_bits(23), kEbef);
     EXPECT_EQ(consumed(bs), 26);
