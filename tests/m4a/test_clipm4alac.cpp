@@ -94,6 +94,11 @@ struct Layout {
     int channels, bits;
 };
 
+void PrintTo(const Layout& l, std::ostream* os)
+{
+    *os << l.channels << " channels, " << l.bits << " bits";
+}
+
 class AlacLayout : public ::testing::TestWithParam<Layout> {
 protected:
     int channels() const { return GetParam().channels; }

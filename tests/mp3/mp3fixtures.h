@@ -9,6 +9,7 @@
 #include "core/bshandle.h"
 #include "mp3/mpegheader.h"
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,10 @@ struct LameStream {
     int mpeg_version, stereo_mode, rate_mode, frames;
     bool protected_frames;
 };
+inline void PrintTo(const LameStream& s, std::ostream* os)
+{
+    *os << s.name;
+}
 const std::vector<LameStream>& lame_streams();
 const LameStream& lame_stream(const std::string& name);
 std::string stream_file(const LameStream& s);
