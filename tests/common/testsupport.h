@@ -38,8 +38,6 @@ private:
     std::string root_;
 };
 
-using TempFolder = TempDir;
-
 // The program's scratch folder, removed at exit.
 TempDir& scratch();
 

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <random>
 
 namespace KEL {
 namespace test {
@@ -433,27 +432,6 @@ PcmFormat make_caf()
     };
 }
 
-// Opens a damaged file: refused with a code, or a clip whose packets all
-// decode to their length or not at all.
-void open_damaged(const std::string& file)
-{
-    int err = 0;
-    ClipPtr clip = open_clip(file, err);
-    if (!clip) {
-        ASSERT_NE(err, 0);
-        return;
-    }
-    ASSERT_EQ(err, 0);
-    ASSERT_GT(clip->packet_count, 0);
-    for (int i = 0; i < clip->packet_count; ++i) {
-        const int n = clip->packet_frame_count(i, nullptr);
-        std::vector<float> l(static_cast<size_t>(n)), r(static_cast<size_t>(n));
-        float* out[2] = {l.data(), r.data()};
-        const int got = clip->packet_decode_play(i, out, &err, -1.0f);
-        ASSERT_TRUE(got == n || got == 0);
-    }
-}
-
 } // namespace
 
 const PcmFormat kWave = make_wave();
@@ -573,31 +551,6 @@ std::vector<int32_t> predict(const std::vector<int32_t>& original, int channels,
         out[i] = scaled(original[i], bits, plan.gains[frame / 1024], envelope.empty() ? nullptr : &envelope[frame % 1024]);
     }
     return out;
-}
-
-void expect_damage_handled(const Bytes& valid, size_t header_bytes, const std::string& file, unsigned seed)
-{
-    write_file(file, valid);
-    int err = 0;
-    ASSERT_TRUE(open_clip(file, err)) << "the undamaged file must open";
-    for (size_t n = 0; n <= std::min<size_t>(512, valid.size()); ++n) {
-        write_file(file, Bytes(valid.begin(), valid.begin() + static_cast<long>(n)));
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "prefix " << n;
-    }
-    for (size_t cut = 1; cut <= 16; ++cut) {
-        write_file(file, Bytes(valid.begin(), valid.end() - static_cast<long>(cut)));
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "minus " << cut;
-    }
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<size_t> where(0, header_bytes - 1);
-    std::uniform_int_distribution<int> value(0, 255), how_many(1, 4);
-    for (int round = 0; round < 3000; ++round) {
-        Bytes damaged = valid;
-        for (int k = how_many(random); k > 0; --k)
-            damaged[where(random)] = static_cast<unsigned char>(value(random));
-        write_file(file, damaged);
-        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "round " << round;
-    }
 }
 
 } // namespace test

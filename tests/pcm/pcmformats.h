@@ -132,11 +132,6 @@ GainPlan apply_plan(Clip& clip, const std::vector<std::pair<int, float>>& gains,
 // The stored integers after the plan, frame-interleaved; 1024-frame packets.
 std::vector<int32_t> predict(const std::vector<int32_t>& original, int channels, int bits, const GainPlan& plan);
 
-// Writes every prefix (up to 512 bytes), the file less 1 to 16 bytes, and
-// 3000 seeded variants with 1 to 4 random bytes in the first header_bytes:
-// each must be refused with a code or open as a clip whose packets all
-// decode within bounds.
-void expect_damage_handled(const Bytes& valid, size_t header_bytes, const std::string& file, unsigned seed);
 
 // Progress reports; a cancel after cancel_after of them; the header of
 // watched, which must still be all zero while the audio is written.

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,56 @@ using namespace KEL::test;
 namespace {
 
 class PcmEdgeTest : public PcmFormatTest {};
+
+// Opens a damaged file: refused with a code, or a clip whose packets all
+// decode to their length or not at all.
+void open_damaged(const std::string& file)
+{
+    int err = 0;
+    ClipPtr clip = open_clip(file, err);
+    if (!clip) {
+        ASSERT_NE(err, 0);
+        return;
+    }
+    ASSERT_EQ(err, 0);
+    ASSERT_GT(clip->packet_count, 0);
+    for (int i = 0; i < clip->packet_count; ++i) {
+        const int n = clip->packet_frame_count(i, nullptr);
+        std::vector<float> l(static_cast<size_t>(n)), r(static_cast<size_t>(n));
+        float* out[2] = {l.data(), r.data()};
+        const int got = clip->packet_decode_play(i, out, &err, -1.0f);
+        ASSERT_TRUE(got == n || got == 0);
+    }
+}
+
+// Writes every prefix (up to 512 bytes), the file less 1 to 16 bytes, and
+// 3000 seeded variants with 1 to 4 random bytes in the first header_bytes:
+// each must be refused with a code or open as a clip whose packets all
+// decode within bounds.
+void expect_damage_handled(const Bytes& valid, size_t header_bytes, const std::string& file, unsigned seed)
+{
+    write_file(file, valid);
+    int err = 0;
+    ASSERT_TRUE(open_clip(file, err)) << "the undamaged file must open";
+    for (size_t n = 0; n <= std::min<size_t>(512, valid.size()); ++n) {
+        write_file(file, Bytes(valid.begin(), valid.begin() + static_cast<long>(n)));
+        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "prefix " << n;
+    }
+    for (size_t cut = 1; cut <= 16; ++cut) {
+        write_file(file, Bytes(valid.begin(), valid.end() - static_cast<long>(cut)));
+        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "minus " << cut;
+    }
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<size_t> where(0, header_bytes - 1);
+    std::uniform_int_distribution<int> value(0, 255), how_many(1, 4);
+    for (int round = 0; round < 3000; ++round) {
+        Bytes damaged = valid;
+        for (int k = how_many(random); k > 0; --k)
+            damaged[where(random)] = static_cast<unsigned char>(value(random));
+        write_file(file, damaged);
+        ASSERT_NO_FATAL_FAILURE(open_damaged(file)) << "round " << round;
+    }
+}
 
 TEST_P(PcmEdgeTest, EachHeaderFaultHasItsCode)
 {
