@@ -182,25 +182,6 @@ TEST(ResamplerCopy, EqualRatesCopyBitExactly)
     EXPECT_EQ(resampler_frames_in(rs.get(), 44100, 48000, 512), before);
 }
 
-TEST(ResamplerFrames, Calls44100To48000Take470Or471)
-{
-    // 512 * 44100 / 48000 = 470.4 = 2352 / 5 input frames per call: after k
-    // calls exactly ceil(2352 k / 5) frames are taken.
-    constexpr int kCalls = 2000;
-    Stereo in = noise(kCalls * 471 + 1, 2);
-    Resampler rs(resampler_create());
-    std::vector<int> taken;
-    stream(rs.get(), in, 44100, 48000, std::vector<int>(kCalls, 512), &taken);
-    long total = 0;
-    for (int k = 0; k < kCalls; ++k) {
-        ASSERT_TRUE(taken[k] == 470 || taken[k] == 471) << k;
-        total += taken[k];
-        const long exact = (2352L * (k + 1) + 4) / 5;
-        ASSERT_EQ(total, exact) << "after call " << k + 1;
-    }
-    EXPECT_EQ(resampler_frames_in(rs.get(), 44100, 48000, 0), 0);
-}
-
 TEST(ResamplerFrames, FramesOutIsTheLargestFeedableCount)
 {
     struct Pair {
