@@ -4,26 +4,16 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 }
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace KEL {
 namespace test {
@@ -67,85 +57,28 @@ Bytes big_endian_bytes(const Pcm& pcm, size_t first_frame, size_t frames)
     return out;
 }
 
-void write_wav(const std::string& path, const Pcm& pcm)
+Stream encoded_by_ffmpeg(const std::string& name, const Pcm& pcm, const std::vector<std::string>& codec,
+                         const char* extension)
 {
-    const uint32_t width = static_cast<uint32_t>(pcm.bits / 8);
+    const uint32_t width = static_cast<uint32_t>(pcm.bits / 8), channels = static_cast<uint32_t>(pcm.channels);
     const uint32_t data = static_cast<uint32_t>(pcm.samples.size()) * width;
-    Bytes b;
-    auto tag = [&](const char* t) { b.insert(b.end(), t, t + 4); };
-    auto le = [&](uint32_t v, int n) {
-        for (int k = 0; k < n; ++k)
-            b.push_back(static_cast<uint8_t>(v >> (8 * k)));
-    };
-    tag("RIFF");
-    le(36 + data, 4);
-    tag("WAVE");
-    tag("fmt ");
-    le(16, 4);
-    le(1, 2);
-    le(static_cast<uint32_t>(pcm.channels), 2);
-    le(static_cast<uint32_t>(pcm.rate), 4);
-    le(static_cast<uint32_t>(pcm.rate) * width * static_cast<uint32_t>(pcm.channels), 4);
-    le(width * static_cast<uint32_t>(pcm.channels), 2);
-    le(static_cast<uint32_t>(pcm.bits), 2);
-    tag("data");
-    le(data, 4);
+    ByteWriter w;
+    w.tag("RIFF").le32(36 + data).tag("WAVE").tag("fmt ").le32(16).le16(1).le16(channels);
+    w.le32(static_cast<uint32_t>(pcm.rate)).le32(static_cast<uint32_t>(pcm.rate) * width * channels);
+    w.le16(width * channels).le16(static_cast<uint32_t>(pcm.bits)).tag("data").le32(data);
     for (int32_t s : pcm.samples)
-        le(static_cast<uint32_t>(s), static_cast<int>(width));
-    std::ofstream file(path, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
-}
-
-bool run_ffmpeg(const std::vector<std::string>& args)
-{
-    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<char*> raw;
-    for (std::string& a : argv)
-        raw.push_back(&a[0]);
-    raw.push_back(nullptr);
-    pid_t pid = 0;
-    const int rc = posix_spawnp(&pid, raw[0], &actions, nullptr, raw.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0)
-        return false;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR)
-            return false;
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-bool demux(const std::string& path, Stream& out)
-{
-    AVFormatContext* format = nullptr;
-    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) < 0)
-        return false;
-    bool ok = avformat_find_stream_info(format, nullptr) >= 0;
-    const int index = ok ? av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0) : -1;
-    AVPacket* packet = av_packet_alloc();
-    ok = index >= 0 && packet != nullptr;
-    if (ok) {
-        const AVCodecParameters* par = format->streams[index]->codecpar;
-        out.codec_id = par->codec_id;
-        out.channels = par->ch_layout.nb_channels;
-        out.rate = par->sample_rate;
-        out.extradata.assign(par->extradata, par->extradata + par->extradata_size);
-        while (av_read_frame(format, packet) >= 0) {
-            if (packet->stream_index == index)
-                out.packets.emplace_back(packet->data, packet->data + packet->size);
-            av_packet_unref(packet);
-        }
-    }
-    av_packet_free(&packet);
-    avformat_close_input(&format);
-    return ok && !out.packets.empty();
+        width == 2 ? w.le16(static_cast<uint32_t>(s)) : w.le16(static_cast<uint32_t>(s)).raw({static_cast<unsigned char>(s >> 16)});
+    const std::string wav = scratch().path(name + ".wav"), coded = scratch().path(name + "." + extension);
+    write_file(wav, w.bytes);
+    std::vector<std::string> args = {"ffmpeg", "-nostdin", "-v", "error", "-y", "-i", wav};
+    args.insert(args.end(), codec.begin(), codec.end());
+    args.push_back(coded);
+    EXPECT_EQ(run_tool(args), 0) << name;
+    Stream out;
+    out.channels = pcm.channels;
+    out.rate = pcm.rate;
+    out.packets = packet_bytes(coded);
+    return out;
 }
 
 std::vector<float> reference_decode(const Stream& stream)

@@ -1,13 +1,12 @@
 // Helpers for the codec-component tests: generated PCM, reference streams
-// made by the ffmpeg program, packets read back with libavformat, FFmpeg's
-// own decoding of those packets as the reference, and thin wrappers over
-// the layer's functions.
+// made by the ffmpeg program, FFmpeg's own decoding of packets as the
+// reference, and thin wrappers over the layer's functions.
 #ifndef KEL_TESTS_CODEC_CODECORACLE_H
 #define KEL_TESTS_CODEC_CODECORACLE_H
 
 #include "codec/codectypes.h"
 #include "codec/component.h"
-#include "common/testsupport.h"
+#include "common/oracle.h"
 
 #include <cstdint>
 #include <memory>
@@ -16,8 +15,6 @@
 
 namespace KEL {
 namespace test {
-
-using Bytes = std::vector<uint8_t>;
 
 // Interleaved integer samples of the given width.
 struct Pcm {
@@ -33,16 +30,9 @@ struct Pcm {
 Pcm make_pcm(int channels, int bits, int rate, size_t frames, double noise_share, uint32_t seed);
 // The samples as interleaved big-endian bytes.
 Bytes big_endian_bytes(const Pcm& pcm, size_t first_frame, size_t frames);
-void write_wav(const std::string& path, const Pcm& pcm);
 
-// A folder from mkdtemp, removed with its files.
-using TempDir = TempFolder;
-
-// Runs ffmpeg quietly with the arguments; true on exit status 0.
-bool run_ffmpeg(const std::vector<std::string>& args);
-
-// The first audio stream of a file as libavformat reads it. Packets keep
-// their bytes only (no side data).
+// The pcm encoded by ffmpeg with the codec options; its packets as ffprobe
+// demuxes them.
 struct Stream {
     int codec_id = 0;
     int channels = 0;
@@ -50,7 +40,8 @@ struct Stream {
     Bytes extradata;
     std::vector<Bytes> packets;
 };
-bool demux(const std::string& path, Stream& out);
+Stream encoded_by_ffmpeg(const std::string& name, const Pcm& pcm, const std::vector<std::string>& codec,
+                         const char* extension);
 
 // FFmpeg's decoding of the stream's packets, with the stream's extradata,
 // as interleaved floats (integer samples s of b bits as s / 2^(b-1)).

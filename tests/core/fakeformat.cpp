@@ -57,19 +57,19 @@ void FakeClip::append(const std::vector<float>& left, const std::vector<float>& 
     packet->release();
 }
 
-void FakeClip::decode_all(std::vector<float>& left, std::vector<float>& right)
+FakeClip::Lanes FakeClip::decode_all()
 {
-    left.clear();
-    right.clear();
+    Lanes lanes;
     for (int i = 0; i < packet_count; ++i) {
         const int n = packets[i]->frame_count;
         std::vector<float> l(n), r(n);
         float* buffers[2] = {l.data(), r.data()};
         int err = 0;
         packet_decode_play(i, buffers, &err, -1.0f);
-        left.insert(left.end(), l.begin(), l.end());
-        right.insert(right.end(), r.begin(), r.end());
+        lanes.left.insert(lanes.left.end(), l.begin(), l.end());
+        lanes.right.insert(lanes.right.end(), r.begin(), r.end());
     }
+    return lanes;
 }
 
 void FakeClip::get_info(_kel_clip_info_t* info)

@@ -12,6 +12,7 @@
 #include "overview/overview.h"
 
 #include <functional>
+#include <memory>
 #include <vector>
 
 namespace KEL {
@@ -36,11 +37,15 @@ class FakeClip : public Clip {
 public:
     FakeClip(float sample_rate, int encoder_frames, BSFile* store)
         : Clip(2, sample_rate, 16, store), encoder_frames(encoder_frames) {}
+    ~FakeClip() override { close(nullptr); }
 
     // Appends a packet holding the given left and right samples.
     void append(const std::vector<float>& left, const std::vector<float>& right);
-    // All frames of packets first..last, decoded with each packet's gain.
-    void decode_all(std::vector<float>& left, std::vector<float>& right);
+    // Every packet decoded as it plays (its gain and envelope applied).
+    struct Lanes {
+        std::vector<float> left, right;
+    };
+    Lanes decode_all();
 
     int save_to(const char*, const void*, int, const void*, int, int* err, _kel_progress_ext_t*) override
     {
@@ -69,6 +74,9 @@ public:
     int start_fudge = 0;
     int length_fudge = 0;
 };
+
+// A clip made by an edit of a fake clip; deleting it closes it.
+using Owned = std::unique_ptr<Clip>;
 
 class FakeDecoder : public ClipDecoder {
 public:

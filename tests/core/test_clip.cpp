@@ -74,7 +74,6 @@ TEST(ClipArray, BoundsCheckedAccess)
     clip.packet_get_rms_cache(5, &v);
     EXPECT_EQ(v, 7.0f);
     EXPECT_EQ(clip.packet_is_wave_cache_valid(9), 0);
-    clip.close(nullptr);
 }
 
 TEST(ClipArray, CopyPacketsAndUsePacketsRetain)
@@ -97,55 +96,38 @@ TEST(ClipArray, CopyPacketsAndUsePacketsRetain)
     source.close(nullptr);
 }
 
-TEST(ClipStats, ConstantRateUsesCommonValue)
+// Constant rate: the common packet rate; variable: bytes * 8 over the
+// seconds, rounded half to even (the PCM cases land exactly on .5).
+TEST(ClipStats, BitRateDurationAndRateMode)
 {
-    FakeClip clip(44100.0f, 1152, nullptr);
-    for (int i = 0; i < 4; ++i)
-        add(clip, sized_packet(44100.0f, 1152, 417, 128000));
-    clip.update_stream_info();
-    EXPECT_EQ(clip.is_vbr(), 0);
-    EXPECT_EQ(clip.bit_rate(), 128000);
-    EXPECT_FLOAT_EQ(clip.duration(), static_cast<float>(4 * 1152 / 44100.0));
-    clip.close(nullptr);
-}
-
-TEST(ClipStats, OnlyFirstPacketDifferentIsVariable)
-{
-    FakeClip clip(1000.0f, 1152, nullptr);
-    add(clip, sized_packet(1000.0f, 1000, 1000, 320000));
-    for (int i = 0; i < 3; ++i)
-        add(clip, sized_packet(1000.0f, 1000, 1000, 128000));
-    clip.update_stream_info();
-    EXPECT_EQ(clip.is_vbr(), 1);
-    // 4000 bytes over 4 seconds: the average, not a packet's rate.
-    EXPECT_EQ(clip.bit_rate(), 8000);
-    clip.close(nullptr);
-}
-
-TEST(ClipStats, PcmAverageRoundsHalfToEven)
-{
-    // bytes * 8 / seconds lands exactly on .5 here: 0.5, 1.5, 2.5.
-    const struct {
-        int bytes;
-        int expected;
-    } cases[] = {{1, 0}, {3, 2}, {5, 2}, {7, 4}};
-    for (const auto& c : cases) {
-        FakeClip clip(1.0f, 16, nullptr);
-        add(clip, sized_packet(1.0f, 16, c.bytes, 0));
+    struct Packets {
+        int count, frames, bytes, bit_rate;
+    };
+    struct Case {
+        float rate;
+        std::vector<Packets> packets;
+        int vbr, bit_rate;
+        double duration;
+    };
+    const Case cases[] = {
+        {44100.0f, {{4, 1152, 417, 128000}}, 0, 128000, 4 * 1152 / 44100.0},
+        {1000.0f, {{1, 1000, 1000, 320000}, {3, 1000, 1000, 128000}}, 1, 8000, 4.0}, // only the first differs
+        {1.0f, {{1, 16, 1, 0}}, 0, 0, 16.0},
+        {1.0f, {{1, 16, 3, 0}}, 0, 2, 16.0},
+        {1.0f, {{1, 16, 5, 0}}, 0, 2, 16.0},
+        {1.0f, {{1, 16, 7, 0}}, 0, 4, 16.0},
+        {44100.0f, {}, 0, 0, 0.0},
+    };
+    for (const Case& c : cases) {
+        FakeClip clip(c.rate, 1024, nullptr);
+        for (const Packets& p : c.packets)
+            for (int i = 0; i < p.count; ++i)
+                add(clip, sized_packet(c.rate, p.frames, p.bytes, p.bit_rate));
         clip.update_stream_info();
-        EXPECT_EQ(clip.is_vbr(), 0);
-        EXPECT_EQ(clip.bit_rate(), c.expected) << c.bytes;
-        clip.close(nullptr);
+        EXPECT_EQ(clip.is_vbr(), c.vbr);
+        EXPECT_EQ(clip.bit_rate(), c.bit_rate);
+        EXPECT_FLOAT_EQ(clip.duration(), static_cast<float>(c.duration));
     }
-}
-
-TEST(ClipStats, EmptyClipHasNoRate)
-{
-    FakeClip clip(44100.0f, 1024, nullptr);
-    clip.update_stream_info();
-    EXPECT_EQ(clip.bit_rate(), 0);
-    EXPECT_EQ(clip.duration(), 0.0f);
-    EXPECT_EQ(clip.is_vbr(), 0);
 }
 
 TEST(ClipStore, CopyOutlivesSourceClipAndSourceFile)
@@ -182,12 +164,11 @@ TEST(ClipStore, CopyOutlivesSourceClipAndSourceFile)
     EXPECT_EQ(open_descriptors(), before + 1) << "the source is closed, the scratch file open";
     ASSERT_EQ(unlink(path.c_str()), 0);
 
-    std::vector<float> left, right;
-    static_cast<FakeClip*>(copy)->decode_all(left, right);
-    ASSERT_EQ(left.size(), static_cast<size_t>(2 * frames));
+    const FakeClip::Lanes d = static_cast<FakeClip*>(copy)->decode_all();
+    ASSERT_EQ(d.left.size(), static_cast<size_t>(2 * frames));
     for (int i = 0; i < 2 * frames; ++i) {
-        ASSERT_EQ(left[i], samples[(2 * frames + i) * 2]) << i;
-        ASSERT_EQ(right[i], samples[(2 * frames + i) * 2 + 1]) << i;
+        ASSERT_EQ(d.left[i], samples[(2 * frames + i) * 2]) << i;
+        ASSERT_EQ(d.right[i], samples[(2 * frames + i) * 2 + 1]) << i;
     }
     copy->close(nullptr);
     delete copy;

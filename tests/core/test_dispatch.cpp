@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,12 +19,10 @@ namespace {
 enum Slot { AIFF, CAF, WAVE, AAC, ALAC, MP3, kSlots };
 const char* const kNames[kSlots] = {"AIFF", "CAF", "WAVE", "AAC", "ALAC", "MP3"};
 
-// What each stand-in answers, and the calls made, in order.
+// What each stand-in answers (detect "Efmu", open and info 0, three
+// packets unless scripted otherwise), and the calls made, in order.
 struct Script {
-    int detect[kSlots];
-    int open_err[kSlots];   // code open leaves; 0 makes a clip
-    int open_packets[kSlots];
-    int info_err[kSlots];
+    std::map<int, int> detect, open_err, packets, info_err;
     std::vector<std::string> calls;
     int clips_deleted = 0;
 } script;
@@ -34,22 +33,28 @@ public:
     ~CountedClip() override { ++script.clips_deleted; }
 };
 
+int answer(const std::map<int, int>& m, int slot, int otherwise)
+{
+    const auto found = m.find(slot);
+    return found == m.end() ? otherwise : found->second;
+}
+
 template <int S>
 int detect(const char*)
 {
     script.calls.push_back(std::string("detect ") + kNames[S]);
-    return script.detect[S];
+    return answer(script.detect, S, fourcc("Efmu"));
 }
 
 template <int S>
 Clip* open(const char*, int* err, _kel_progress_ext_t*)
 {
     script.calls.push_back(std::string("open ") + kNames[S]);
-    *err = script.open_err[S];
+    *err = answer(script.open_err, S, 0);
     if (*err != 0)
         return nullptr;
     auto* clip = new CountedClip;
-    for (int i = 0; i < script.open_packets[S]; ++i) {
+    for (int i = answer(script.packets, S, 3); i > 0; --i) {
         auto* h = new BSHandleMem(4);
         auto* p = new FakePacket(44100.0f, 1, h);
         h->release();
@@ -65,7 +70,7 @@ int info(const char*, _kel_clip_info_t* record, _kel_progress_ext_t*)
 {
     script.calls.push_back(std::string("info ") + kNames[S]);
     record->format = S + 100;
-    return script.info_err[S];
+    return answer(script.info_err, S, 0);
 }
 
 template <int S>
@@ -74,162 +79,91 @@ ClipFormat format(int corrupt_code)
     return ClipFormat{&detect<S>, &open<S>, &info<S>, corrupt_code};
 }
 
-FormatDispatch make_dispatch()
-{
-    return FormatDispatch({format<AIFF>(fourcc("Eaif")), format<CAF>(fourcc("Ecaf")),
-                           format<WAVE>(fourcc("Ewav")), format<AAC>(0), format<ALAC>(0)},
-                          format<MP3>(0));
-}
-
-class Dispatch : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        script = Script{};
-        for (int s = 0; s < kSlots; ++s) {
-            script.detect[s] = fourcc("Efmu");
-            script.open_packets[s] = 3;
-        }
-    }
-    static void close(Clip* clip)
-    {
-        clip->close(nullptr);
-        delete clip;
-    }
-    FormatDispatch dispatch = make_dispatch();
+struct Case {
+    const char* what;
+    bool file_info; // else open
+    std::map<int, int> detect, open_err, packets, info_err;
+    int code;
+    int made; // the format whose clip comes back (open), or whose record is filled (file_info); -1 none
+    std::vector<std::string> last_calls; // the trace ends with these
 };
 
-} // namespace
-
-TEST_F(Dispatch, AsksInFixedOrderThenMp3)
+TEST(Dispatch, AskingOrderOpeningAndSurvivingErrors)
 {
-    int err = 0;
-    EXPECT_EQ(dispatch.open("x", &err, nullptr), nullptr);
-    const std::vector<std::string> want = {"detect AIFF", "detect CAF", "detect WAVE",
-                                           "detect AAC", "detect ALAC", "detect MP3"};
-    EXPECT_EQ(script.calls, want);
-    EXPECT_EQ(err, fourcc("Efmu")) << "no format recognises it: the MP3 reader's code";
+    const int efmu = fourcc("Efmu"), efms = fourcc("Efms");
+    const std::vector<std::string> all_detects = {"detect AIFF", "detect CAF", "detect WAVE",
+                                                  "detect AAC",  "detect ALAC", "detect MP3"};
+    const std::vector<Case> cases = {
+        {"nobody's file: the MP3 reader's code", false, {}, {}, {}, {}, efmu, -1, all_detects},
+        {"the first that recognises it opens", false, {{CAF, 0}, {WAVE, 0}}, {}, {}, {}, 0, CAF, {"detect CAF", "open CAF"}},
+        {"a corrupt PCM file is never offered to MP3", false, {{WAVE, 0}, {MP3, 0}}, {{WAVE, fourcc("Ewav")}}, {}, {},
+         fourcc("Ewav"), -1, {"open WAVE"}},
+        {"other PCM failures fall through to MP3", false, {{AIFF, 0}, {MP3, 0}}, {{AIFF, fourcc("Eeof")}}, {}, {}, 0,
+         MP3, {"open MP3"}},
+        {"MPEG-4 failures fall through to MP3", false, {{AAC, 0}, {MP3, 0}}, {{AAC, fourcc("Eaac")}}, {}, {}, 0, MP3,
+         {"detect AAC", "open AAC", "detect MP3", "open MP3"}},
+        {"an unsupported variant wins over MP3's verdict", false, {{AIFF, 0}, {MP3, fourcc("Emp3")}},
+         {{AIFF, efms}}, {}, {}, efms, -1, {"detect MP3"}},
+        {"... and over MP3 failing to open", false, {{AIFF, 0}, {MP3, 0}}, {{AIFF, efms}, {MP3, fourcc("Emp3")}}, {},
+         {}, efms, -1, {"open MP3"}},
+        {"... but an MP3 that opens is kept", false, {{AIFF, 0}, {MP3, 0}}, {{AIFF, efms}}, {}, {}, 0, MP3,
+         {"open MP3"}},
+        {"a clip without packets is empty", false, {{WAVE, 0}}, {}, {{WAVE, 0}}, {}, fourcc("Empt"), -1,
+         {"open WAVE"}},
+        {"file info of a detected PCM format is final", true, {{CAF, 0}, {MP3, 0}}, {}, {}, {{CAF, fourcc("Ecaf")}},
+         fourcc("Ecaf"), -1, {"detect CAF", "info CAF"}},
+        {"... even for codes that open would retry", true, {{CAF, 0}, {MP3, 0}}, {}, {}, {{CAF, fourcc("Eeof")}},
+         fourcc("Eeof"), -1, {"info CAF"}},
+        {"file info of MPEG-4 falls through on failure", true, {{ALAC, 0}, {MP3, 0}}, {}, {}, {{ALAC, fourcc("Ealc")}},
+         0, MP3, {"info MP3"}},
+        {"file info keeps an unsupported variant", true, {{AAC, efms}, {ALAC, 0}}, {}, {}, {{ALAC, efms}}, efms, -1,
+         {"info ALAC", "detect MP3"}},
+    };
+    FormatDispatch dispatch({format<AIFF>(fourcc("Eaif")), format<CAF>(fourcc("Ecaf")), format<WAVE>(fourcc("Ewav")),
+                             format<AAC>(0), format<ALAC>(0)},
+                            format<MP3>(0));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        script = Script{c.detect, c.open_err, c.packets, c.info_err, {}, 0};
+        int err = -1;
+        _kel_clip_info_t record{};
+        Clip* clip = nullptr;
+        if (c.file_info) {
+            err = dispatch.file_info("x", &record, nullptr);
+        } else {
+            clip = dispatch.open("x", &err, nullptr);
+        }
+        EXPECT_EQ(err, c.code);
+        if (c.file_info) {
+            if (c.made >= 0) {
+                EXPECT_EQ(record.format, c.made + 100);
+            }
+        } else if (c.made < 0) {
+            EXPECT_EQ(clip, nullptr);
+        } else {
+            ASSERT_NE(clip, nullptr);
+            EXPECT_EQ(clip->channels, c.made);
+            clip->close(nullptr);
+            delete clip;
+        }
+        ASSERT_GE(script.calls.size(), c.last_calls.size());
+        EXPECT_EQ(std::vector<std::string>(script.calls.end() - static_cast<long>(c.last_calls.size()),
+                                           script.calls.end()),
+                  c.last_calls);
+        // Every clip made is deleted again (the empty one by the dispatch).
+        EXPECT_EQ(script.clips_deleted, c.made >= 0 && !c.file_info ? 1 : c.code == fourcc("Empt") ? 1 : 0);
+    }
+    // A null record gets a scratch one.
+    script = Script{{{ALAC, 0}}, {}, {}, {}, {}, 0};
+    EXPECT_EQ(dispatch.file_info("x", nullptr, nullptr), 0);
 }
 
-TEST_F(Dispatch, FirstRecognisingFormatOpens)
-{
-    script.detect[CAF] = 0;
-    script.detect[WAVE] = 0;
-    int err = -1;
-    Clip* clip = dispatch.open("x", &err, nullptr);
-    ASSERT_NE(clip, nullptr);
-    EXPECT_EQ(err, 0);
-    EXPECT_EQ(clip->channels, CAF);
-    EXPECT_EQ(script.calls.back(), "open CAF");
-    close(clip);
-}
-
-TEST_F(Dispatch, CorruptPcmFileIsNeverOfferedToMp3)
-{
-    script.detect[WAVE] = 0;
-    script.open_err[WAVE] = fourcc("Ewav");
-    script.detect[MP3] = 0;
-    int err = 0;
-    EXPECT_EQ(dispatch.open("x", &err, nullptr), nullptr);
-    EXPECT_EQ(err, fourcc("Ewav"));
-    EXPECT_EQ(script.calls.back(), "open WAVE");
-}
-
-TEST_F(Dispatch, OtherPcmFailuresAndMpeg4FailuresFallThroughToMp3)
-{
-    script.detect[AIFF] = 0;
-    script.open_err[AIFF] = fourcc("Eeof");
-    script.detect[MP3] = 0;
-    int err = 0;
-    Clip* clip = dispatch.open("x", &err, nullptr);
-    ASSERT_NE(clip, nullptr);
-    EXPECT_EQ(clip->channels, MP3);
-    close(clip);
-
-    script.calls.clear();
-    script.detect[AIFF] = fourcc("Efmu");
-    script.detect[AAC] = 0;
-    script.open_err[AAC] = fourcc("Eaac");
-    clip = dispatch.open("x", &err, nullptr);
-    ASSERT_NE(clip, nullptr);
-    EXPECT_EQ(err, 0);
-    const std::vector<std::string> want = {"detect AIFF", "detect CAF", "detect WAVE", "detect AAC",
-                                           "open AAC", "detect MP3", "open MP3"};
-    EXPECT_EQ(script.calls, want);
-    close(clip);
-}
-
-TEST_F(Dispatch, UnsupportedVariantWinsOverMp3Verdict)
-{
-    script.detect[AIFF] = 0;
-    script.open_err[AIFF] = fourcc("Efms");
-    script.detect[MP3] = fourcc("Emp3");
-    int err = 0;
-    EXPECT_EQ(dispatch.open("x", &err, nullptr), nullptr);
-    EXPECT_EQ(err, fourcc("Efms"));
-
-    // The same holds when MP3 detects the file but cannot open it.
-    script.detect[MP3] = 0;
-    script.open_err[MP3] = fourcc("Emp3");
-    EXPECT_EQ(dispatch.open("x", &err, nullptr), nullptr);
-    EXPECT_EQ(err, fourcc("Efms"));
-
-    // An MP3 that opens is kept.
-    script.open_err[MP3] = 0;
-    Clip* clip = dispatch.open("x", &err, nullptr);
-    ASSERT_NE(clip, nullptr);
-    EXPECT_EQ(err, 0);
-    close(clip);
-}
-
-TEST_F(Dispatch, ClipWithoutPacketsIsEmptyAndDeleted)
-{
-    script.detect[WAVE] = 0;
-    script.open_packets[WAVE] = 0;
-    int err = 0;
-    EXPECT_EQ(dispatch.open("x", &err, nullptr), nullptr);
-    EXPECT_EQ(err, fourcc("Empt"));
-    EXPECT_EQ(script.clips_deleted, 1);
-}
-
-TEST_F(Dispatch, FileInfoOfDetectedPcmIsFinal)
-{
-    script.detect[CAF] = 0;
-    script.info_err[CAF] = fourcc("Ecaf");
-    script.detect[MP3] = 0;
-    _kel_clip_info_t record{};
-    EXPECT_EQ(dispatch.file_info("x", &record, nullptr), fourcc("Ecaf"));
-    EXPECT_EQ(script.calls.back(), "info CAF");
-    script.info_err[CAF] = fourcc("Eeof"); // even codes that open would retry
-    EXPECT_EQ(dispatch.file_info("x", &record, nullptr), fourcc("Eeof"));
-    EXPECT_EQ(script.calls.back(), "info CAF");
-}
-
-TEST_F(Dispatch, FileInfoOfMpeg4FallsThroughOnFailure)
-{
-    script.detect[ALAC] = 0;
-    script.info_err[ALAC] = fourcc("Ealc");
-    script.detect[MP3] = 0;
-    _kel_clip_info_t record{};
-    EXPECT_EQ(dispatch.file_info("x", &record, nullptr), 0);
-    EXPECT_EQ(record.format, MP3 + 100);
-    script.info_err[ALAC] = 0;
-    EXPECT_EQ(dispatch.file_info("x", nullptr, nullptr), 0) << "a null record gets a scratch one";
-    EXPECT_EQ(script.calls.back(), "info ALAC");
-}
-
-TEST_F(Dispatch, FileInfoKeepsUnsupportedVariant)
-{
-    script.detect[AAC] = fourcc("Efms");
-    script.detect[ALAC] = 0;
-    script.info_err[ALAC] = fourcc("Efms");
-    EXPECT_EQ(dispatch.file_info("x", nullptr, nullptr), fourcc("Efms"));
-}
-
-TEST(DispatchStandard, RefusesEveryFileWhileNoFormatIsBuiltIn)
+TEST(Dispatch, TheBuiltInFormatsRefuseAnEmptyFile)
 {
     int err = 0;
     EXPECT_EQ(Clip::open("/dev/null", &err, nullptr), nullptr);
     EXPECT_EQ(err, fourcc("Efmu"));
     EXPECT_EQ(Clip::file_info("/dev/null", nullptr, nullptr), fourcc("Efmu"));
 }
+
+} // namespace

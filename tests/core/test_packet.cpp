@@ -1,4 +1,4 @@
-// Packet caches, envelopes and state copying.
+// Packet caches, envelopes, state copying and the packet pool.
 #include "core/bshandlemem.h"
 #include "fakeformat.h"
 
@@ -21,27 +21,14 @@ using PacketPtr = std::unique_ptr<Packet, Released>;
 PacketPtr make_packet(int frames)
 {
     auto* handle = new BSHandleMem(frames * 8);
-    std::vector<unsigned char> zeros(static_cast<size_t>(frames) * 8);
-    handle->init_with_copy(zeros.data());
     PacketPtr p(new FakePacket(44100.0f, frames, handle));
     handle->release();
     return p;
 }
 
-// Expected (maximum, minimum) over [begin, end), starting from 0 and
-// clamped, written independently of the packet's loop.
-std::pair<float, float> extremes(const std::vector<float>& l, const std::vector<float>& r, int begin, int end)
-{
-    double hi = 0.0, lo = 0.0;
-    for (int i = begin; i < end; ++i) {
-        hi = std::fmax(hi, std::fmax(l[i], r[i]));
-        lo = std::fmin(lo, std::fmin(l[i], r[i]));
-    }
-    return {static_cast<float>(std::fmin(hi, 1.0)), static_cast<float>(std::fmax(lo, -1.0))};
-}
-
-} // namespace
-
+// Eight (maximum, minimum) pairs: pair j spans frames [j*seg, (j+1)*seg),
+// the last pair also the frames left over; the extremes start at 0 and are
+// clamped to full scale. RMS of the mono mix.
 TEST(PacketWaveCache, EightSegmentsWithRemainderInLastPair)
 {
     for (int frames : {1152, 4100, 64, 71}) {
@@ -52,17 +39,19 @@ TEST(PacketWaveCache, EightSegmentsWithRemainderInLastPair)
             l[i] = 0.9f * std::sin(0.013f * static_cast<float>(i * i % 977));
             r[i] = 0.5f * std::cos(0.021f * static_cast<float>(i));
         }
-        // A spike in the very last frame must land in the eighth pair.
-        l[frames - 1] = -0.999f;
+        l[frames - 1] = -0.999f; // a spike in the very last frame lands in the eighth pair
         float* ch[2] = {l.data(), r.data()};
         p->make_wave_cache(ch, frames, nullptr);
         ASSERT_EQ(p->wave_cache_valid, 1);
         const int seg = frames / 8;
         for (int pair = 0; pair < 8; ++pair) {
-            const int end = pair == 7 ? frames : (pair + 1) * seg;
-            const auto want = extremes(l, r, pair * seg, end);
-            EXPECT_EQ(p->wave_cache[2 * pair], want.first) << pair;
-            EXPECT_EQ(p->wave_cache[2 * pair + 1], want.second) << pair;
+            double hi = 0.0, lo = 0.0;
+            for (int i = pair * seg; i < (pair == 7 ? frames : (pair + 1) * seg); ++i) {
+                hi = std::fmax(hi, std::fmax(l[i], r[i]));
+                lo = std::fmin(lo, std::fmin(l[i], r[i]));
+            }
+            EXPECT_EQ(p->wave_cache[2 * pair], static_cast<float>(std::fmin(hi, 1.0))) << pair;
+            EXPECT_EQ(p->wave_cache[2 * pair + 1], static_cast<float>(std::fmax(lo, -1.0))) << pair;
         }
         EXPECT_EQ(p->wave_cache[15], -0.999f);
         double sum = 0.0;
@@ -77,28 +66,22 @@ TEST(PacketWaveCache, ClampsZeroLineAndIgnoresSecondCallAndMismatch)
     PacketPtr p = make_packet(64);
     std::vector<float> up(64, 0.25f), big(64, 3.0f);
     float* positive[2] = {up.data(), up.data()};
+    float* loud[2] = {big.data(), big.data()};
     p->make_wave_cache(positive, 63, nullptr); // wrong length: nothing
     EXPECT_EQ(p->wave_cache_valid, 0);
     p->make_wave_cache(positive, 64, nullptr);
     EXPECT_EQ(p->wave_cache[0], 0.25f);
     EXPECT_EQ(p->wave_cache[1], 0.0f) << "an all-positive segment keeps minimum 0";
-    float* loud[2] = {big.data(), big.data()};
     p->make_wave_cache(loud, 64, nullptr);
     EXPECT_EQ(p->wave_cache[0], 0.25f) << "a valid cache is never recomputed";
-
-    float caller[16];
-    p->make_wave_cache(loud, 64, caller);
-    EXPECT_EQ(p->wave_cache[0], 0.25f) << "valid packets skip even caller buffers";
-
     PacketPtr q = make_packet(64);
+    float caller[16];
     q->make_wave_cache(loud, 64, caller);
     EXPECT_EQ(q->wave_cache_valid, 0) << "a caller buffer leaves the packet's cache alone";
     EXPECT_EQ(caller[0], 1.0f) << "samples above full scale are stored as 1.0";
-
     PacketPtr tiny = make_packet(5);
-    float* tiny_ch[2] = {up.data(), up.data()};
-    tiny->make_wave_cache(tiny_ch, 5, nullptr);
-    EXPECT_EQ(tiny->wave_cache_valid, 0);
+    tiny->make_wave_cache(positive, 5, nullptr);
+    EXPECT_EQ(tiny->wave_cache_valid, 0) << "fewer than 8 frames keep no cache";
 }
 
 TEST(PacketWaveCache, ReadsApplyGain)
@@ -125,21 +108,23 @@ TEST(PacketWaveCache, ReadsApplyGain)
     EXPECT_EQ(v, 2.0f) << "the scan stops at the first value reaching 1.0";
 }
 
-TEST(PacketEnvelope, AccumulatesByMultiplicationAndClearsOnMismatch)
+TEST(PacketEnvelope, AccumulatesAppliesOncePerBufferAndClearsOnMismatch)
 {
     PacketPtr p = make_packet(4);
-    const float a[4] = {1.0f, 0.5f, 0.25f, 0.0f};
-    const float b[4] = {0.5f, 0.5f, 2.0f, 3.0f};
+    const float a[4] = {1.0f, 0.5f, 0.25f, 0.0f}, b[4] = {0.5f, 0.5f, 2.0f, 3.0f};
     p->gain_envelope(a, 4);
     p->gain_envelope(b, 4);
     int frames = 0;
     const float* env = p->gain_envelope(frames);
     ASSERT_NE(env, nullptr);
     EXPECT_EQ(frames, 4);
-    EXPECT_EQ(env[0], 0.5f);
-    EXPECT_EQ(env[1], 0.25f);
-    EXPECT_EQ(env[2], 0.5f);
-    EXPECT_EQ(env[3], 0.0f);
+    EXPECT_EQ(std::vector<float>(env, env + 4), (std::vector<float>{0.5f, 0.25f, 0.5f, 0.0f}));
+    // Mono material comes as the same buffer twice: scaled once; a longer
+    // buffer stops at the envelope's end.
+    std::vector<float> mono = {0.8f, 0.8f, 0.8f, 0.8f, 0.7f};
+    float* same[2] = {mono.data(), mono.data()};
+    p->apply_gain_envelope(same, 5);
+    EXPECT_EQ(mono, (std::vector<float>{0.4f, 0.2f, 0.4f, 0.0f, 0.7f}));
     p->gain_envelope(a, 3);
     EXPECT_EQ(p->gain_envelope(frames), nullptr);
     p->gain_envelope(a, 4);
@@ -147,54 +132,7 @@ TEST(PacketEnvelope, AccumulatesByMultiplicationAndClearsOnMismatch)
     EXPECT_EQ(p->envelope, nullptr);
 }
 
-TEST(PacketEnvelope, AppliesOncePerBufferEvenForMono)
-{
-    PacketPtr p = make_packet(3);
-    const float env[3] = {0.5f, 1.0f, 0.0f};
-    p->gain_envelope(env, 3);
-    std::vector<float> mono = {0.8f, 0.8f, 0.8f, 0.7f};
-    float* same[2] = {mono.data(), mono.data()};
-    p->apply_gain_envelope(same, 3);
-    EXPECT_EQ(mono[0], 0.4f);
-    EXPECT_EQ(mono[1], 0.8f);
-    EXPECT_EQ(mono[2], 0.0f);
-    EXPECT_EQ(mono[3], 0.7f);
-    std::vector<float> l = {1, 1, 1, 1, 1}, r = {2, 2, 2, 2, 2};
-    float* ch[2] = {l.data(), r.data()};
-    p->apply_gain_envelope(ch, 5); // longer than the envelope: stops at 3
-    EXPECT_EQ(r[0], 1.0f);
-    EXPECT_EQ(r[2], 0.0f);
-    EXPECT_EQ(l[3], 1.0f);
-}
-
-TEST(PacketCopy, CopyPacketDataPrefersCacheOverEnvelope)
-{
-    PacketPtr from = make_packet(4);
-    PacketPtr to = make_packet(4);
-    const float env[4] = {0.5f, 0.5f, 0.5f, 0.5f};
-    from->gain = 0.7f;
-    from->gain_envelope(env, 4);
-    to->copy_packet_data(from.get());
-    EXPECT_EQ(to->gain, 0.7f);
-    ASSERT_NE(to->envelope, nullptr);
-    EXPECT_EQ(to->envelope[2], 0.5f);
-    to->copy_packet_data(from.get());
-    EXPECT_EQ(to->envelope[2], 0.25f) << "envelopes combine by multiplication";
-
-    PacketPtr cached = make_packet(4);
-    cached->wave_cache_valid = 1;
-    cached->wave_cache[0] = 0.9f;
-    cached->rms = 0.4f;
-    cached->gain_envelope(env, 4);
-    PacketPtr plain = make_packet(4);
-    plain->copy_packet_data(cached.get());
-    EXPECT_EQ(plain->wave_cache[0], 0.9f);
-    EXPECT_EQ(plain->wave_cache_valid, 0) << "the valid flag is not copied";
-    EXPECT_EQ(plain->rms, 0.0f);
-    EXPECT_EQ(plain->envelope, nullptr) << "a valid cache stops before the envelope";
-}
-
-TEST(PacketCopy, CopySharesHandleAndDuplicatesState)
+TEST(PacketCopy, StateIsDuplicatedAndTheCachePrecedesTheEnvelope)
 {
     PacketPtr p = make_packet(8);
     const float env[8] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -211,12 +149,33 @@ TEST(PacketCopy, CopySharesHandleAndDuplicatesState)
     ASSERT_NE(c->envelope, nullptr);
     EXPECT_NE(c->envelope, p->envelope);
     EXPECT_EQ(c->envelope[7], 8.0f);
+
+    // copy_packet_data: gain, envelopes combined by multiplication...
+    PacketPtr from = make_packet(4), to = make_packet(4);
+    const float half[4] = {0.5f, 0.5f, 0.5f, 0.5f};
+    from->gain = 0.7f;
+    from->gain_envelope(half, 4);
+    to->copy_packet_data(from.get());
+    to->copy_packet_data(from.get());
+    EXPECT_EQ(to->gain, 0.7f);
+    ASSERT_NE(to->envelope, nullptr);
+    EXPECT_EQ(to->envelope[2], 0.25f);
+    // ... but a valid cache is copied without its flag, and stops there.
+    from->wave_cache_valid = 1;
+    from->wave_cache[0] = 0.9f;
+    from->rms = 0.4f;
+    PacketPtr plain = make_packet(4);
+    plain->copy_packet_data(from.get());
+    EXPECT_EQ(plain->wave_cache[0], 0.9f);
+    EXPECT_EQ(plain->wave_cache_valid, 0);
+    EXPECT_EQ(plain->rms, 0.0f);
+    EXPECT_EQ(plain->envelope, nullptr);
 }
 
+// Packets and handles of several sizes, created and released in a
+// scrambled order, must never share storage.
 TEST(PacketPool, ManyPacketsAndHandlesKeepTheirOwnMemory)
 {
-    // Packets and handles of several sizes, created and released in a
-    // scrambled order, must never share storage.
     std::vector<Packet*> packets;
     for (int i = 0; i < 20000; ++i) {
         auto* handle = new BSHandleMem(i % 7 + 1);
@@ -239,8 +198,7 @@ TEST(PacketPool, ManyPacketsAndHandlesKeepTheirOwnMemory)
         ASSERT_EQ(p->wave_cache[15], static_cast<float>(-i));
         ASSERT_EQ(p->handle->size, i % 7 + 1);
         p->release();
-        // Reuse freed memory at once; the survivors must be untouched.
-        if (k % 3 == 0) {
+        if (k % 3 == 0) { // reuse freed memory at once
             auto* h = new BSHandleMem(99);
             Packet* q = new FakePacket(1.0f, -1, h);
             h->release();
@@ -248,3 +206,5 @@ TEST(PacketPool, ManyPacketsAndHandlesKeepTheirOwnMemory)
         }
     }
 }
+
+} // namespace

@@ -3,7 +3,6 @@
 #include "core/bshandlemem.h"
 #include "core/fakeformat.h"
 
-#include <cstdlib>
 #include <sstream>
 
 namespace KEL {
@@ -134,10 +133,9 @@ MemFile::~MemFile()
         std::fclose(file_);
 }
 
-std::string make_aac(const TempDir& dir, const std::string& name, int rate, int channels, int kbps, double seconds,
-                     bool faststart)
+std::string make_aac(const std::string& name, int rate, int channels, int kbps, double seconds, bool faststart)
 {
-    const std::string path = dir.path(name);
+    const std::string path = scratch().path(name);
     std::vector<std::string> args = {"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
                                      "sine=frequency=440:sample_rate=" + std::to_string(rate) +
                                          ":duration=" + std::to_string(seconds),
@@ -145,54 +143,19 @@ std::string make_aac(const TempDir& dir, const std::string& name, int rate, int 
     if (faststart)
         args.insert(args.end(), {"-movflags", "+faststart"});
     args.push_back(path);
-    return run_tool(args) == 0 ? path : std::string();
+    return file_exists(path) || run_tool(args) == 0 ? path : std::string();
 }
 
-std::string make_alac(const TempDir& dir, const std::string& name, int rate, int channels, int bits, int frames)
+std::string make_alac(const std::string& name, int rate, int channels, int bits, int frames)
 {
-    const std::string path = dir.path(name);
-    const int rc = run_tool({"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-                             "anoisesrc=sample_rate=" + std::to_string(rate) + ":amplitude=0.4:seed=7", "-af",
-                             "atrim=end_sample=" + std::to_string(frames), "-ac", std::to_string(channels), "-c:a",
-                             "alac", "-sample_fmt", bits == 16 ? "s16p" : "s32p", path});
+    const std::string path = scratch().path(name);
+    const int rc = file_exists(path) ? 0
+                                     : run_tool({"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
+                                                 "anoisesrc=sample_rate=" + std::to_string(rate) + ":amplitude=0.4:seed=7",
+                                                 "-af", "atrim=end_sample=" + std::to_string(frames), "-ac",
+                                                 std::to_string(channels), "-c:a", "alac", "-sample_fmt",
+                                                 bits == 16 ? "s16p" : "s32p", path});
     return rc == 0 ? path : std::string();
-}
-
-std::vector<ProbePacket> probe_packets(const std::string& path, const std::string& scratch_dir)
-{
-    const std::string text = scratch_dir + "/packets.txt";
-    const int rc = run_tool({"ffprobe", "-v", "error", "-select_streams", "a:0", "-show_entries",
-                             "packet=pos,size,duration", "-of", "compact", path},
-                            text);
-    const Bytes bytes = read_file(text);
-    std::remove(text.c_str());
-    std::vector<ProbePacket> out;
-    std::istringstream lines(std::string(bytes.begin(), bytes.end()));
-    std::string line, field;
-    // Lines such as "packet|duration=1024|size=338|pos=44".
-    while (rc == 0 && std::getline(lines, line)) {
-        if (line.compare(0, 7, "packet|") != 0)
-            continue;
-        ProbePacket p;
-        std::istringstream fields(line);
-        while (std::getline(fields, field, '|')) {
-            const long long value = std::atoll(field.c_str() + field.find('=') + 1);
-            if (field.compare(0, 4, "pos=") == 0)
-                p.pos = value;
-            else if (field.compare(0, 5, "size=") == 0)
-                p.size = static_cast<int>(value);
-            else if (field.compare(0, 9, "duration=") == 0)
-                p.duration = static_cast<int>(value);
-        }
-        out.push_back(p);
-    }
-    return out;
-}
-
-bool ffmpeg_decodes_cleanly(const std::string& path, const std::string& scratch_dir)
-{
-    return run_tool({"ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", path, "-f", "null", "-"},
-                    scratch_dir + "/decode.txt") == 0;
 }
 
 long long locate(const Bytes& file, const std::string& route)

@@ -5,7 +5,7 @@
 #define KEL_TESTS_M4A_M4AFIXTURES_H
 
 #include "core/packet.h"
-#include "pcm/oracle.h"
+#include "common/oracle.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -55,19 +55,11 @@ private:
     FILE* file_ = nullptr;
 };
 
-// ffmpeg fixtures (empty path on failure): AAC-LC of a tone, faststart
-// putting "moov" first; Apple Lossless of frames frames of noise.
-std::string make_aac(const TempDir& dir, const std::string& name, int rate, int channels, int kbps, double seconds,
-                     bool faststart);
-std::string make_alac(const TempDir& dir, const std::string& name, int rate, int channels, int bits, int frames);
-
-struct ProbePacket {
-    long long pos = 0;
-    int size = 0;
-    int duration = 0;
-};
-std::vector<ProbePacket> probe_packets(const std::string& path, const std::string& scratch_dir);
-bool ffmpeg_decodes_cleanly(const std::string& path, const std::string& scratch_dir);
+// ffmpeg fixtures in the scratch folder, made once per name (empty path on
+// failure): AAC-LC of a tone, faststart putting "moov" first; Apple
+// Lossless of frames frames of noise.
+std::string make_aac(const std::string& name, int rate, int channels, int kbps, double seconds, bool faststart);
+std::string make_alac(const std::string& name, int rate, int channels, int bits, int frames);
 
 // Offset of the atom at a slash-separated route ("moov/trak/mdia"), the
 // first of each type, entering "stsd" and sample entries past their own

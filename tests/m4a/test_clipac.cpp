@@ -7,58 +7,25 @@
 #include "core/fourcc.h"
 #include "m4a/clipac.h"
 #include "m4a/packetac.h"
-#include "pcm/oracle.h"
+#include "common/oracle.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 
 using namespace KEL;
 using namespace KEL::test;
 
 namespace {
 
-TempDir& scratch()
-{
-    static TempDir dir;
-    return dir;
-}
-
-// A lame stream of a chord (and pink noise on the right when stereo).
+// A lame stream of test_wave() and ffmpeg's decode of all its frames.
 std::string mp3_file(int channels)
 {
-    const std::string name = channels == 1 ? "mono" : "stereo";
-    const std::string wav = scratch().path(name + ".wav");
-    const std::string mp3 = scratch().path(name + ".mp3");
-    if (file_exists(mp3))
-        return mp3;
-    std::vector<std::string> sox = {"sox", "-n", "-r", "44100", "-c", std::to_string(channels), "-b", "16",
-                                    wav, "synth", "1", "sine", "330"};
-    if (channels == 2)
-        sox.push_back("pinknoise");
-    for (const char* s : {"gain", "-8", "fade", "t", "0.1", "1", "0.3"})
-        sox.push_back(s);
-    EXPECT_EQ(run_tool(sox), 0);
-    EXPECT_EQ(run_tool({"lame", "--quiet", "-b", channels == 1 ? "64" : "128", wav, mp3}), 0);
-    return mp3;
+    return lame_file(channels == 1 ? "mono" : "stereo", 44100, channels, {"-b", channels == 1 ? "64" : "128"});
 }
 
-// ffmpeg's decode of every frame (no gapless trimming), split in two.
-Samples ffmpeg_frames(const std::string& path, int channels)
+Samples ffmpeg_decode_mp3(int channels)
 {
-    const std::string raw = scratch().path("ref.f32");
-    EXPECT_EQ(run_tool({"ffmpeg", "-v", "error", "-y", "-flags2", "+skip_manual", "-i", path, "-f", "f32le", raw}),
-              0);
-    const Bytes bytes = read_file(raw);
-    Samples s;
-    const size_t stride = 4 * static_cast<size_t>(channels);
-    for (size_t at = 0; at + stride <= bytes.size(); at += stride) {
-        float v[2];
-        std::memcpy(v, &bytes[at], stride);
-        s.left.push_back(v[0]);
-        s.right.push_back(v[channels - 1]);
-    }
-    return s;
+    return ffmpeg_frames(mp3_file(channels), {"-flags2", "+skip_manual"});
 }
 
 std::vector<float> slice(const std::vector<float>& v, int packet, int frames = 1152)
@@ -170,7 +137,7 @@ TEST(ClipACDecode, WarmUpResetsUntilPrimedThenRunsOn)
     int err = 0;
     ClipPtr source = open_clip(mp3_file(2), err);
     ASSERT_NE(source, nullptr);
-    const Samples ref = ffmpeg_frames(mp3_file(2), 2);
+    const Samples ref = ffmpeg_decode_mp3(2);
     ProbeClip clip(ProbeSetup{});
     for (int i = 0; i < 20; ++i)
         clip.add(source->get_packet(i)->handle);
@@ -277,7 +244,7 @@ TEST(ClipACDecode, IntegerOutputKeepsTheMonoDifference)
             int err = 0;
             ClipPtr source = open_clip(mp3_file(channels), err);
             ASSERT_NE(source, nullptr);
-            const Samples ref = ffmpeg_frames(mp3_file(channels), channels);
+            const Samples ref = ffmpeg_decode_mp3(channels);
             ProbeSetup setup;
             setup.channels = channels;
             setup.bits = bits;

@@ -8,25 +8,17 @@
 #include "core/packet.h"
 #include "m4a/clipm4aac.h"
 #include "m4a/m4afixtures.h"
-#include "pcm/oracle.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
 #include <unistd.h>
 
 namespace KEL {
 namespace test {
 namespace {
-
-TempDir& scratch()
-{
-    static TempDir dir;
-    return dir;
-}
 
 struct Fixture {
     int rate;
@@ -47,7 +39,7 @@ std::string fixture(const Fixture& f)
     if (file_exists(path))
         return path;
     if (!f.clicks)
-        return make_aac(scratch(), name_of(f), f.rate, f.channels, f.kbps, 2.0, false);
+        return make_aac(name_of(f), f.rate, f.channels, f.kbps, 2.0, false);
     // Left and right differ so that the pair is not coded as one.
     const std::string left = "0.9*lt(mod(t\\,0.3)\\,0.0005)+0.05*sin(2*PI*440*t)";
     const std::string right = "0.7*lt(mod(t+0.1\\,0.3)\\,0.0008)+0.08*sin(2*PI*660*t)";
@@ -58,32 +50,10 @@ std::string fixture(const Fixture& f)
     return rc == 0 ? path : std::string();
 }
 
-// ffmpeg's decode of every access unit (edit list ignored), split in two.
-Samples ffmpeg_units(const std::string& path, int channels)
+// ffmpeg's decode of every access unit (edit list ignored).
+Samples ffmpeg_units(const std::string& path)
 {
-    const std::string raw = scratch().path("ref.f32");
-    EXPECT_EQ(run_tool({"ffmpeg", "-nostdin", "-v", "error", "-y", "-ignore_editlist", "1", "-i", path, "-f", "f32le",
-                        raw}),
-              0);
-    const Bytes bytes = read_file(raw);
-    Samples s;
-    const size_t stride = 4 * static_cast<size_t>(channels);
-    for (size_t at = 0; at + stride <= bytes.size(); at += stride) {
-        float v[2];
-        std::memcpy(v, &bytes[at], stride);
-        s.left.push_back(v[0]);
-        s.right.push_back(v[channels - 1]);
-    }
-    return s;
-}
-
-std::vector<Bytes> units(const std::string& path)
-{
-    const Bytes file = read_file(path);
-    std::vector<Bytes> out;
-    for (const ProbePacket& p : probe_packets(path, scratch().root()))
-        out.emplace_back(file.begin() + p.pos, file.begin() + p.pos + p.size);
-    return out;
+    return ffmpeg_frames(path, {"-ignore_editlist", "1"});
 }
 
 int read8(const Bytes& b, size_t bit)
@@ -157,7 +127,7 @@ TEST(ClipM4AAC, PacketsAndDecodeMatchFFmpeg)
         ASSERT_NE(clip, nullptr) << err;
         ASSERT_NE(dynamic_cast<ClipM4AAC*>(clip.get()), nullptr);
 
-        const std::vector<ProbePacket> probed = probe_packets(path, scratch().root());
+        const std::vector<ProbePacket> probed = probe_packets(path);
         ASSERT_EQ(clip->packet_count, static_cast<int>(probed.size()));
         long long bytes = 0;
         long long frames = 0;
@@ -186,7 +156,7 @@ TEST(ClipM4AAC, PacketsAndDecodeMatchFFmpeg)
         // Every unit as ffmpeg decodes it; of a last unit that the file
         // says holds fewer frames, the frames it holds.
         const Samples ours = decode_clip(*clip);
-        Samples theirs = ffmpeg_units(path, f.channels);
+        Samples theirs = ffmpeg_units(path);
         ASSERT_EQ(theirs.left.size(), static_cast<size_t>(clip->packet_count) * 1024);
         const size_t cut = static_cast<size_t>(1024 - clip->packets[clip->packet_count - 1]->frame_count);
         theirs.left.resize(theirs.left.size() - cut);
@@ -211,8 +181,8 @@ TEST(ClipM4AAC, LosslessGainMovesOnlyGlobalGains)
     for (const Fixture& f : cases) {
         const std::string path = fixture(f);
         ASSERT_FALSE(path.empty());
-        const std::vector<Bytes> original = units(path);
-        const Samples reference = ffmpeg_units(path, f.channels);
+        const std::vector<Bytes> original = packet_bytes(path);
+        const Samples reference = ffmpeg_units(path);
 
         // Short windows are present in the click files: window_sequence 2
         // follows the reserved bit of ics_info, which comes after id, tag
@@ -241,12 +211,12 @@ TEST(ClipM4AAC, LosslessGainMovesOnlyGlobalGains)
             const std::string saved = scratch().path("gained.m4a");
             ASSERT_EQ(clip->save_to(saved.c_str(), nullptr, 0, nullptr, 0, &err, nullptr), 0);
 
-            const std::vector<Bytes> moved = units(saved);
+            const std::vector<Bytes> moved = packet_bytes(saved);
             ASSERT_EQ(moved.size(), original.size());
             for (size_t i = 0; i < moved.size(); ++i)
                 ASSERT_TRUE(only_gains_moved(original[i], moved[i], f.channels, s.steps)) << "packet " << i;
 
-            const Samples scaled = ffmpeg_units(saved, f.channels);
+            const Samples scaled = ffmpeg_units(saved);
             ASSERT_EQ(scaled.left.size(), reference.left.size());
             const double factor = std::pow(2.0, s.steps / 4.0);
             double worst = 0.0;
@@ -267,7 +237,7 @@ TEST(ClipM4AAC, LosslessGainMovesOnlyGlobalGains)
         ASSERT_NE(clip, nullptr);
         const std::string same = scratch().path("same.m4a");
         ASSERT_EQ(clip->save_to(same.c_str(), nullptr, 0, nullptr, 0, &err, nullptr), 0);
-        EXPECT_EQ(units(same), original);
+        EXPECT_EQ(packet_bytes(same), original);
     }
 }
 
@@ -293,14 +263,14 @@ TEST(ClipM4AAC, TranscodeFromWave)
         ASSERT_EQ(result->save_to(out.c_str(), nullptr, 0, nullptr, 0, &err, nullptr), 0);
 
         Probe probe;
-        ASSERT_TRUE(ffprobe(out, probe, scratch().root()));
+        ASSERT_TRUE(ffprobe(out, probe));
         EXPECT_EQ(probe.codec, "aac");
         EXPECT_EQ(probe.channels, channels);
         EXPECT_EQ(probe.sample_rate, 44100);
-        EXPECT_TRUE(ffmpeg_decodes_cleanly(out, scratch().root()));
+        EXPECT_TRUE(ffmpeg_decodes_cleanly(out));
         // Every input frame is in the stream, behind the encoder's 1024
         // frames of priming, and less than one more packet of padding.
-        const std::vector<ProbePacket> packets = probe_packets(out, scratch().root());
+        const std::vector<ProbePacket> packets = probe_packets(out);
         EXPECT_GE(static_cast<long long>(packets.size()) * 1024, frames + 1024);
         EXPECT_LT(static_cast<long long>(packets.size()) * 1024, frames + 1024 + 1024 + 1024);
     }
@@ -352,7 +322,7 @@ TEST(ClipM4AAC, ParametersAndCompatibility)
 // longer holds whole become zeros and the save reports "Egga".
 TEST(ClipM4AAC, SavedPacketsAreTheirOwnBytes)
 {
-    const std::string path = make_aac(scratch(), "long.m4a", 44100, 2, 256, 40.0, false);
+    const std::string path = make_aac("long.m4a", 44100, 2, 256, 40.0, false);
     ASSERT_FALSE(path.empty());
     const Bytes original = read_file(path);
     ASSERT_GT(original.size(), size_t{1} << 20);
@@ -377,7 +347,7 @@ TEST(ClipM4AAC, SavedPacketsAreTheirOwnBytes)
         }
         const std::string saved = scratch().path("own-bytes.m4a");
         EXPECT_EQ(clip->save_to(saved.c_str(), nullptr, 0, nullptr, 0, &err, nullptr), cut ? fourcc("Egga") : 0);
-        const std::vector<Bytes> written = units(saved);
+        const std::vector<Bytes> written = packet_bytes(saved);
         ASSERT_EQ(written.size(), static_cast<size_t>(clip->packet_count));
         int silent = 0;
         for (int i = 0; i < clip->packet_count; ++i) {
@@ -399,7 +369,7 @@ TEST(ClipM4AAC, SavedPacketsAreTheirOwnBytes)
 // error at worst; the gain walk over garbage stays inside the block.
 TEST(ClipM4AAC, DamagedFilesNeverCrash)
 {
-    const std::string good = make_aac(scratch(), "fast.m4a", 44100, 2, 128, 1.0, true);
+    const std::string good = make_aac("fast.m4a", 44100, 2, 128, 1.0, true);
     ASSERT_FALSE(good.empty());
     const Bytes file = read_file(good);
     const long long moov = locate(file, "moov");
@@ -417,7 +387,7 @@ TEST(ClipM4AAC, DamagedFilesNeverCrash)
         Clip::file_info(bad.c_str(), &info, nullptr);
     }
 
-    const std::vector<ProbePacket> packets = probe_packets(good, scratch().root());
+    const std::vector<ProbePacket> packets = probe_packets(good);
     std::mt19937 rng(1234);
     for (int round = 0; round < 6; ++round) {
         Bytes damaged = file;

@@ -313,38 +313,6 @@ TEST(SaverFiles, UnreadablePacketsLongClipsAndWriteFailures)
     std::fclose(read_only);
 }
 
-// ffmpeg's packets written again: ffprobe sees the same packets, and the
-// Apple Lossless file decodes to the same samples.
-TEST(SaverFiles, RewrittenFfmpegFilesAreAcceptedByFfprobe)
-{
-    TempDir dir;
-    for (bool alac : {false, true}) {
-        const std::string source = alac ? make_alac(dir, "in.m4a", 44100, 2, 16, 4096 * 5 + 100)
-                                        : make_aac(dir, "in.m4a", 44100, 2, 128, 1.5, false);
-        ASSERT_FALSE(source.empty());
-        const Bytes in = read_file(source);
-        PacketSet set;
-        for (const ProbePacket& p : probe_packets(source, dir.root()))
-            set.add(Bytes(in.begin() + p.pos, in.begin() + p.pos + p.size), p.duration);
-        ASSERT_GT(set.count(), 5);
-        const Saved saved = save(set, alac, 2, 44100.0f, alac ? 16 : 128000);
-        ASSERT_EQ(saved.code, 0);
-        const std::string out = dir.path("out.m4a");
-        write_file(out, saved.file);
-        const auto probed = probe_packets(out, dir.root());
-        ASSERT_EQ(static_cast<int>(probed.size()), set.count()) << alac;
-        for (int i = 0; i < set.count(); ++i)
-            EXPECT_EQ(probed[static_cast<size_t>(i)].size, static_cast<int>(set.bytes(i).size())) << i;
-        EXPECT_TRUE(ffmpeg_decodes_cleanly(out, dir.root())) << alac;
-        Decoded before, after;
-        if (alac) {
-            ASSERT_TRUE(ffmpeg_decode(source, before, dir.root()));
-            ASSERT_TRUE(ffmpeg_decode(out, after, dir.root()));
-            EXPECT_EQ(before.samples, after.samples);
-        }
-    }
-}
-
 } // namespace
 } // namespace test
 } // namespace KEL

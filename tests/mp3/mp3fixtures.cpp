@@ -2,23 +2,10 @@
 
 #include "mp3/mp3framegain.h"
 
-#include <gtest/gtest.h>
-
-#include <dirent.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
+#include <cmath>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-
-extern char** environ;
+#include <stdexcept>
 
 namespace KEL {
 namespace test {
@@ -53,65 +40,6 @@ void write_field(Bytes& b, size_t pos, int n, unsigned value)
     }
 }
 
-int run_tool(const std::vector<std::string>& argv)
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<char*> args;
-    for (const std::string& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = 0;
-    const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0)
-        return -1;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR)
-            return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-Bytes read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void write_file(const std::string& path, const Bytes& bytes)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-std::string encode_test_mp3(const ScratchDir& dir, const std::string& name, int sample_rate,
-                            int channels, const std::vector<std::string>& lame_options)
-{
-    const std::string wav = dir.path(name + ".wav");
-    const std::string mp3 = dir.path(name + ".mp3");
-    // Left a chord, right pink noise (mono: the chord), behind 0.2 s of
-    // silence and with a fade, so that silent, quiet and loud granules occur.
-    std::vector<std::string> sox = {"sox", "-n", "-r", std::to_string(sample_rate), "-c",
-                                    std::to_string(channels), "-b", "16", wav, "synth", "1.5",
-                                    "sine", "330"};
-    if (channels == 2)
-        sox.push_back("pinknoise");
-    for (const char* s : {"gain", "-8", "pad", "0.2", "fade", "t", "0.1", "1.7", "0.6"})
-        sox.push_back(s);
-    if (run_tool(sox) != 0)
-        return "";
-    std::vector<std::string> lame = {"lame", "--quiet"};
-    lame.insert(lame.end(), lame_options.begin(), lame_options.end());
-    lame.push_back(wav);
-    lame.push_back(mp3);
-    return run_tool(lame) == 0 ? mp3 : "";
-}
-
 FrameWalk walk_frames(const Bytes& file)
 {
     FrameWalk walk;
@@ -121,7 +49,6 @@ FrameWalk walk_frames(const Bytes& file)
         pos = 10 + ((size_t(file[6] & 0x7F) << 21) | (size_t(file[7] & 0x7F) << 14) |
                     (size_t(file[8] & 0x7F) << 7) | size_t(file[9] & 0x7F));
     }
-    walk.audio_start = pos;
     while (pos + 4 <= file.size()) {
         FrameAt f;
         f.offset = pos;
@@ -147,6 +74,11 @@ FrameWalk walk_frames(const Bytes& file)
         }
     }
     return walk;
+}
+
+Bytes frame_bytes(const Bytes& file, const FrameAt& f)
+{
+    return Bytes(file.begin() + long(f.offset), file.begin() + long(f.offset + size_t(f.header.frame_length)));
 }
 
 SideInfo parse_side_info(const Bytes& f)
@@ -227,6 +159,59 @@ Bytes expected_after(const Bytes& frame, int steps)
         b[5] = static_cast<unsigned char>(crc);
     }
     return b;
+}
+
+float gain_for_steps(int n)
+{
+    return float(std::pow(2.0, (n + (n < 0 ? -0.5 : 0.5)) / 4.0));
+}
+
+const std::vector<LameStream>& lame_streams()
+{
+    static const std::vector<LameStream> all = {
+        {"cbr128", 44100, 2, {"-b", "128"}, 1, KELClipStereoModeJointStereo, 1, 1152, false},
+        {"vbr", 44100, 2, {"-V2"}, 1, KELClipStereoModeJointStereo, 2, 1152, false},
+        {"mono", 44100, 1, {"-b", "64", "-m", "m"}, 1, KELClipStereoModeSingleChannel, 1, 1152, false},
+        {"mpeg2", 22050, 2, {"-b", "64", "-m", "s"}, 2, KELClipStereoModeStereo, 1, 576, false},
+        {"mpeg25", 8000, 1, {"-b", "16"}, 3, KELClipStereoModeSingleChannel, 1, 576, false},
+        {"crc", 44100, 2, {"-b", "160", "-p", "-m", "d"}, 1, KELClipStereoModeDualChannel, 1, 1152, true},
+        {"crc_mpeg2_mono", 16000, 1, {"-p", "-m", "m", "-b", "32"}, 2, KELClipStereoModeSingleChannel, 1, 576, true},
+        {"id3", 44100, 2, {"-b", "128", "--id3v2-only", "--tt", "KEL"}, 1, KELClipStereoModeJointStereo, 1, 1152, false},
+        {"noxing", 44100, 2, {"-b", "96", "--resample", "44.1", "-t"}, 1, KELClipStereoModeJointStereo, 1, 1152, false},
+    };
+    return all;
+}
+
+const LameStream& lame_stream(const std::string& name)
+{
+    for (const LameStream& s : lame_streams())
+        if (name == s.name)
+            return s;
+    throw std::runtime_error(name);
+}
+
+std::string stream_file(const LameStream& s)
+{
+    return lame_file(s.name, s.rate, s.channels, s.options);
+}
+
+Samples ffmpeg_mp3_frames(const std::string& path)
+{
+    return ffmpeg_frames(path, {"-flags2", "+skip_manual"});
+}
+
+ShortHandle::ShortHandle(const Bytes& frame, int readable)
+    : BSHandle(static_cast<int>(frame.size())), frame_(frame), readable_(readable)
+{
+}
+
+int ShortHandle::get_bytes(void* dest, int n)
+{
+    if (n <= 0 || n > size)
+        n = size;
+    n = std::min(n, readable_);
+    std::memcpy(dest, frame_.data(), static_cast<size_t>(n));
+    return n;
 }
 
 } // namespace test

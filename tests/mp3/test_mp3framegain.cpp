@@ -1,6 +1,7 @@
 // Layer III lossless gain, side-information readers and the reservoir walk,
-// against an independent side-information parser, an independently written
-// CRC, exact step arithmetic, and mp3gain's output on lame's files.
+// on synthetic frames against an independent side-information parser, an
+// independently written CRC and exact step arithmetic, and on lame's files
+// against mp3gain's rewrite of them.
 #include "mp3fixtures.h"
 
 #include "core/fourcc.h"
@@ -233,6 +234,108 @@ TEST(Mp3FrameGain, PrerollWalk)
     EXPECT_EQ(mp3_preroll_count(m, 3, err), 0);
     EXPECT_EQ(err, fourcc("Ebef"));
 }
+
+class LameFile : public ::testing::TestWithParam<test::LameStream> {
+protected:
+    void SetUp() override
+    {
+        path_ = test::stream_file(GetParam());
+        file_ = test::read_file(path_);
+        walk_ = test::walk_frames(file_);
+        ASSERT_EQ(walk_.stop, file_.size());
+        ASSERT_GT(walk_.frames.size(), 20u);
+    }
+
+    std::string path_;
+    Bytes file_;
+    test::FrameWalk walk_;
+};
+
+// The readers agree with the independent parse on every frame; gain 1.0
+// reproduces each frame (so the recomputed CRC equals lame's).
+TEST_P(LameFile, ReadersAndUnitGain)
+{
+    for (size_t i = 0; i < walk_.frames.size(); ++i) {
+        const Bytes f = test::frame_bytes(file_, walk_.frames[i]);
+        const test::SideInfo s = test::parse_side_info(f);
+        SCOPED_TRACE(::testing::Message() << "frame " << i);
+        int err = -1;
+        ASSERT_EQ(mp3_get_main_data_begin(f.data(), int(f.size()), err), s.main_data_begin);
+        ASSERT_EQ(err, 0);
+        ASSERT_EQ(mp3_static_part_size(f.data(), int(f.size()), err), s.static_bytes);
+        ASSERT_EQ(err, 0);
+        // The parse is sane: the coded bits fit the reservoir plus this
+        // frame's main data, and a stored CRC checks.
+        ASSERT_LE(s.part2_3_bits, 8 * (s.main_data_begin + int(f.size()) - s.static_bytes));
+        ASSERT_EQ(s.protection_absent, !GetParam().protected_frames);
+        if (!s.protection_absent) {
+            ASSERT_EQ(test::reference_crc(f, s.static_bytes), unsigned(f[4]) << 8 | f[5]);
+        }
+        ASSERT_EQ(test::adjusted(f, 1.0f), f);
+    }
+}
+
+// Every frame, CRC included, as mp3gain writes it for the same step count,
+// clamping at both ends of the 8-bit range included; nothing outside the
+// frames changes. -150 steps is about the most a gain can ask for: below
+// 1e-12 every field goes to 0 instead.
+TEST_P(LameFile, MatchesMp3gain)
+{
+    for (int n : {3, -4, 120, -150}) {
+        SCOPED_TRACE(::testing::Message() << n << " steps");
+        const std::string copy = test::scratch().path("gained.mp3");
+        test::write_file(copy, file_);
+        ASSERT_EQ(test::run_tool({"mp3gain", "-g", std::to_string(n), "-s", "s", "-q", copy}), 0);
+        const Bytes want = test::read_file(copy);
+        ASSERT_EQ(want.size(), file_.size());
+
+        Bytes got = file_;
+        int clamped = 0;
+        for (size_t i = 0; i < walk_.frames.size(); ++i) {
+            const test::FrameAt& at = walk_.frames[i];
+            const Bytes f = test::frame_bytes(file_, at);
+            const Bytes out = test::adjusted(f, test::gain_for_steps(n));
+            std::copy(out.begin(), out.end(), got.begin() + long(at.offset));
+            ASSERT_EQ(out, Bytes(want.begin() + long(at.offset), want.begin() + long(at.offset + f.size())))
+                << "frame " << i;
+            for (size_t b : test::parse_side_info(f).gain_bits) {
+                const int g = int(test::read_field(f, b, 8));
+                clamped += g != 0 && (g + n > 255 || g + n < 0);
+            }
+        }
+        EXPECT_TRUE(got == want);
+        if (n == 120 || n == -150) {
+            EXPECT_GT(clamped, 0); // the bounds were reached
+        }
+    }
+}
+
+// The reservoir walk against the intervals the main data occupies in the
+// concatenated main-data areas.
+TEST_P(LameFile, PrerollCoversTheReservoir)
+{
+    MemoryFrames frames;
+    std::vector<long> end{0}; // end[j + 1]: end of frame j's main data
+    for (const test::FrameAt& at : walk_.frames) {
+        frames.frames.push_back(test::frame_bytes(file_, at));
+        end.push_back(end.back() + long(frames.frames.back().size()) - test::parse_side_info(frames.frames.back()).static_bytes);
+    }
+    int reaching_back = 0;
+    for (size_t i = 0; i < frames.frames.size(); ++i) {
+        const long begin = end[i] - test::parse_side_info(frames.frames[i]).main_data_begin;
+        int want = 0;
+        for (size_t j = 0; j < i; ++j)
+            want += end[j + 1] > begin;
+        int err = -1;
+        EXPECT_EQ(mp3_preroll_count(frames, int(i), err), want) << "frame " << i;
+        EXPECT_EQ(err, begin < 0 ? fourcc("Epre") : 0) << "frame " << i;
+        reaching_back += want > 1;
+    }
+    EXPECT_GT(reaching_back, 0); // some frames reach past the previous one
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, LameFile, ::testing::ValuesIn(test::lame_streams()),
+                         [](const ::testing::TestParamInfo<test::LameStream>& info) { return info.param.name; });
 
 } // namespace
 } // namespace KEL

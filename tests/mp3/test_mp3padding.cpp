@@ -5,8 +5,9 @@
 #include "core/bshandlemem.h"
 #include "core/fourcc.h"
 #include "mp3/clipmp3.h"
-#include "mp3/mp3tools.h"
 #include "mp3/packetmp3.h"
+
+#include "mp3fixtures.h"
 
 #include <gtest/gtest.h>
 
@@ -217,7 +218,7 @@ TEST(MP3Padding, LowerVersionsAndDamagedPredecessors)
 
 TEST(MP3Padding, CutAtAReservoirFrameDecodesLikeTheUncutStream)
 {
-    const std::string path = lame_file("reservoir", 44100, 2, {"-b", "128"});
+    const std::string path = stream_file(lame_stream("cbr128"));
     int err = 0;
     ClipPtr clip = open_clip(path, err);
     ASSERT_NE(clip, nullptr);
@@ -230,7 +231,7 @@ TEST(MP3Padding, CutAtAReservoirFrameDecodesLikeTheUncutStream)
     }
     ASSERT_LT(k, clip->packet_count - 10) << "lame used no bit reservoir";
 
-    const Samples whole = ffmpeg_all_frames(path);
+    const Samples whole = ffmpeg_mp3_frames(path);
     const size_t n = 1152;
     auto save_from_k = [&](bool padded, const std::string& name, int& padding_frames) {
         ClipPtr piece(clip->copy(k, clip->packet_count - 1, &err));
@@ -244,9 +245,9 @@ TEST(MP3Padding, CutAtAReservoirFrameDecodesLikeTheUncutStream)
             piece->insert(0, pad.get(), &err);
             EXPECT_EQ(err, 0);
         }
-        const std::string out = mp3_scratch().path(name);
+        const std::string out = scratch().path(name);
         EXPECT_EQ(piece->save_to(out.c_str(), nullptr, 0, nullptr, 0, &err, nullptr), 0);
-        return ffmpeg_all_frames(out);
+        return ffmpeg_mp3_frames(out);
     };
 
     // From frame k + 1 on (frame k's own output overlaps its predecessor),

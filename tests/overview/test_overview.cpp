@@ -35,13 +35,7 @@ struct TestClip {
     std::vector<float> left, right;
     std::vector<float> gains;
 
-    ~TestClip()
-    {
-        overview.reset();
-        if (clip)
-            clip->close(nullptr);
-    }
-    int count() const { return static_cast<int>(lengths.size()); }
+    ~TestClip() { overview.reset(); }
     void set_gain(int packet, float gain)
     {
         int err = 0;
@@ -367,55 +361,6 @@ TEST(OverviewZoom, CacheFineAndExtraFineSelection)
     }
 }
 
-TEST(OverviewZoom, SpikeLandsInItsPointAtEveryZoom)
-{
-    auto t = make_clip(uniform(100, 1024), [](int i) {
-        return i == 5000 || i == 102 ? std::pair{0.9f, 0.9f} : std::pair{0.0f, 0.0f};
-    });
-    Overview& ov = *t->overview;
-    int result = 0, err = 0;
-    auto points_with_spike = [](const Pairs& p) {
-        std::vector<int> hits;
-        for (size_t i = 0; i < p.size() / 2; ++i) {
-            if (p[2 * i] != 0.0f)
-                hits.push_back(static_cast<int>(i));
-            EXPECT_EQ(p[2 * i + 1], 0.0f);
-        }
-        return hits;
-    };
-    // Cache: 1024 samples per point, frames 102 and 5000 in points 0 and 4.
-    EXPECT_EQ(points_with_spike(run(ov, 0, 99, 100, 0, result, err)), (std::vector<int>{0, 4}));
-    // 1024 points of exactly 100 samples: points 1 and 50.
-    EXPECT_EQ(points_with_spike(run(ov, 0, 99, 1024, 0, result, err)), (std::vector<int>{1, 50}));
-    // 1000 points of 102 samples plus the next run's first: frame 102
-    // opens point 1 and closes point 0; frame 5000 falls in 4998..5100.
-    EXPECT_EQ(points_with_spike(run(ov, 0, 99, 1000, 0, result, err)), (std::vector<int>{0, 1, 49}));
-    // Two points per sample.
-    EXPECT_EQ(points_with_spike(run(ov, 0, 99, 204800, 0, result, err)),
-              (std::vector<int>{204, 205, 10000, 10001}));
-}
-
-TEST(OverviewZoom, PairsHugTheZeroLineAndSilenceIsFlat)
-{
-    for (float level : {0.4f, -0.3f, 0.0f}) {
-        SCOPED_TRACE(level);
-        auto t = make_clip(uniform(10, 64), [level](int i) { return constant(level, i); });
-        // 10 points use the caches, 100 decode (6 samples), 1500 give two
-        // points per sample with the last 220 points silent.
-        for (int points : {10, 100, 1500}) {
-            int result = 0, err = 0;
-            Pairs got = run(*t->overview, 0, 9, points, 0, result, err);
-            EXPECT_EQ(result, points);
-            for (int i = 0; i < points; ++i) {
-                const float want_hi = level > 0.0f && (points != 1500 || i < 1280) ? level : 0.0f;
-                const float want_lo = level < 0.0f && (points != 1500 || i < 1280) ? level : 0.0f;
-                ASSERT_EQ(got[2 * i], want_hi) << "point " << i << " of " << points;
-                ASSERT_EQ(got[2 * i + 1], want_lo) << "point " << i << " of " << points;
-            }
-        }
-    }
-}
-
 TEST(OverviewZoom, ShortPacketsAndClipEnd)
 {
     // Packets of 4 frames keep no cache: every zoom decodes.
@@ -469,27 +414,6 @@ TEST(OverviewBroken, UndecodablePacketDrawsAsSilence)
     EXPECT_EQ(t->overview->find_max_sample(2, 4, err), 0.5f);
     EXPECT_EQ(t->overview->find_max_sample(3, 3, err), 0.0f);
     EXPECT_EQ(err, 0);
-}
-
-TEST(OverviewRms, OnePerPacketAtItsGain)
-{
-    auto t = make_clip(uniform(12, 1152), [](int i) {
-        const auto [l, r] = sine(i);
-        return std::pair{l * (1 + i / 1152) / 12.0f, r};
-    });
-    t->set_gain(7, 3.0f);
-    std::vector<float> rms(12, -1.0f);
-    int err = 0;
-    EXPECT_EQ(t->overview->generate_rms(2, 9, rms.data(), err), 8);
-    for (int p = 2; p <= 9; ++p) {
-        double sum = 0.0;
-        for (int f = t->offsets[p]; f < t->offsets[p] + 1152; ++f) {
-            const double m = (double(t->left[f]) + t->right[f]) * 0.5;
-            sum += m * m;
-        }
-        EXPECT_NEAR(rms[p - 2], std::sqrt(sum / 1152.0) * t->gains[p], 1e-5) << "packet " << p;
-    }
-    EXPECT_EQ(rms[8], -1.0f) << "nothing written past the range";
 }
 
 TEST(OverviewMaxSample, LargestCachedMagnitude)
