@@ -24,6 +24,8 @@ Clip::~Clip() = default;
 
 int Clip::close(_kel_progress_ext_t* progress)
 {
+    // The statistics stay those of the packets the clip had.
+    settle_stream_info();
     if (packets != nullptr) {
         for (int i = 0; i < packet_count; ++i) {
             if (packets[i] != nullptr)

@@ -79,7 +79,8 @@ public:
     // on the next read, so a run of edits on a long clip pays for it once.
     // Packets never change the fields the statistics come from, so the
     // result equals an immediate recomputation as long as the array is not
-    // changed in between; add_packet settles pending statistics first.
+    // changed in between; add_packet and close settle pending statistics
+    // first.
     void update_stream_info();
     int is_vbr() const;
     float duration() const;
