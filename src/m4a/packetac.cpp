@@ -259,16 +259,19 @@ int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_mo
     if (produced != F)
         return F;
 
-    if (bits == 0) {
-        take_be_floats(output, C, left, right, F);
-    } else if (bits == 16) {
-        decode16(out, output, F);
-    } else if (bits == 24) {
-        decode24(out, output, F);
-    }
-
+    decode_samples(out, output, F, bits);
     apply_gain_envelope(out, F);
     return produced;
+}
+
+void PacketAC::decode_samples(float** out, unsigned char* data, int frames, int bits)
+{
+    if (bits == 0)
+        take_be_floats(data, channels(), out[0], out[1], frames);
+    else if (bits == 16)
+        decode16(out, data, frames);
+    else if (bits == 24)
+        decode24(out, data, frames);
 }
 
 void PacketAC::decode16(float** out, unsigned char* data, int frames)

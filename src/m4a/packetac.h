@@ -43,6 +43,10 @@ public:
     // decode24 only the left one.
     void decode16(float** out, unsigned char* data, int frames);
     void decode24(float** out, unsigned char* data, int frames);
+    // A codec's output of frames frames into the two outputs: big-endian
+    // floats for bits 0 (mono fills both outputs), else decode16 or
+    // decode24; other depths write nothing.
+    void decode_samples(float** out, unsigned char* data, int frames, int bits);
 
     int channels() const { return format_value; }
 };

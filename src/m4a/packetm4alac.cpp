@@ -45,16 +45,6 @@ bool reserve(std::vector<unsigned char>& v, size_t n)
     return true;
 }
 
-// A big-endian IEEE single.
-float get_be_float(const unsigned char* p)
-{
-    const uint32_t bits = (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-                          (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
-    float value;
-    std::memcpy(&value, &bits, sizeof value);
-    return value;
-}
-
 } // namespace
 
 PacketM4ALAC::PacketM4ALAC(int bit_rate, float sample_rate, int channels, int frames, BSHandle* handle)
@@ -161,18 +151,7 @@ int PacketM4ALAC::decode_partial(float** out, ComponentInstanceRecord* codec, in
     if (produced != F)
         return F;
 
-    if (bits == 0) {
-        for (int i = 0; i < F; ++i) {
-            const unsigned char* frame = output + static_cast<size_t>(i) * frame_bytes;
-            left[i] = get_be_float(frame);
-            right[i] = C == 1 ? left[i] : get_be_float(frame + 4);
-        }
-    } else if (bits == 16) {
-        decode16(out, output, F);
-    } else if (bits == 24) {
-        decode24(out, output, F);
-    }
-
+    decode_samples(out, output, F, bits);
     apply_gain_envelope(out, F);
     return produced;
 }
