@@ -1,8 +1,6 @@
 #include "m4a/m4a_saver.h"
 
-#include "core/bsfile.h"
 #include "core/bshandle.h"
-#include "core/bshandlefile.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
 #include "core/progress.h"
@@ -324,36 +322,6 @@ long long M4A_Saver::write_head(int template_size)
     return written;
 }
 
-bool M4A_Saver::edits_in_place(const Packet*) const
-{
-    return false;
-}
-
-void M4A_Saver::finish_in_place(Packet*, unsigned char*, int) const {}
-
-int M4A_Saver::bulk_run(Packet** packets, int first, int last, long long room, long long* bytes) const
-{
-    *bytes = 0;
-    const BSHandleFile* previous = nullptr;
-    int run = 0;
-    for (int i = first; i < last; ++i) {
-        const Packet* packet = packets[i];
-        if (packet == nullptr || !edits_in_place(packet))
-            break;
-        const auto* handle = dynamic_cast<const BSHandleFile*>(packet->handle);
-        const int length = stored_length(packet);
-        if (handle == nullptr || handle->file == nullptr || length <= 0 || *bytes + length > room)
-            break;
-        if (previous != nullptr &&
-            (handle->file != previous->file || handle->offset != previous->offset + previous->size))
-            break;
-        previous = handle;
-        *bytes += length;
-        ++run;
-    }
-    return run;
-}
-
 int M4A_Saver::write_packets(Packet** packets, int count, _kel_progress_ext_t* progress, bool& silenced)
 {
     silenced = false;
@@ -376,37 +344,16 @@ int M4A_Saver::write_packets(Packet** packets, int count, _kel_progress_ext_t* p
         used = 0;
         return whole;
     };
+    // Packets lying back to back in a file are read through the store's
+    // read-ahead, so reading them one by one costs no system call each.
     int result = 0;
-    for (int i = 0; i < count && result == 0;) {
-        long long run_bytes = 0;
-        int run = bulk_run(packets, i, count, capacity - used, &run_bytes);
-        if (run == 0 && stored_length(packets[i]) > capacity - used) {
-            // Packet i does not fit behind what the block holds (which
-            // therefore holds something: the block fits every packet).
-            if (!flush()) {
-                result = fourcc("EIO ");
-                break;
-            }
-            run = bulk_run(packets, i, count, capacity, &run_bytes);
-        }
-        if (run > 0) {
-            auto* handle = static_cast<BSHandleFile*>(packets[i]->handle);
-            if (handle->file->get_bytes(block + used, handle->offset, static_cast<int>(run_bytes)) == run_bytes) {
-                for (int k = i; k < i + run; ++k) {
-                    const int length = stored_length(packets[k]);
-                    finish_in_place(packets[k], block + used, length);
-                    used += length;
-                    // A cancel is not honoured: a save cannot stop half-way.
-                    (void)throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(k));
-                }
-                i += run;
-                continue;
-            }
-            // A short read: packet by packet, so that exactly the packets
-            // that cannot be read are written as silence.
-        }
+    for (int i = 0; i < count; ++i) {
         Packet* packet = packets[i];
         const int length = stored_length(packet);
+        if (length > capacity - used && !flush()) {
+            result = fourcc("EIO ");
+            break;
+        }
         if (length > 0) {
             // A packet that cannot deliver its bytes is written as silence
             // of the same length; the file stays complete.
@@ -416,8 +363,8 @@ int M4A_Saver::write_packets(Packet** packets, int count, _kel_progress_ext_t* p
             }
             used += length;
         }
+        // A cancel is not honoured: a save cannot stop half-way.
         (void)throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i));
-        ++i;
     }
     if (result == 0 && used > 0 && !flush())
         result = fourcc("EIO ");

@@ -5,10 +5,7 @@
 // four sample tables as the last children of "stbl", the caller's extra
 // atoms, and one "mdat" with the packets' bytes. Every packet is read
 // through its own get_bytes with gain -1, so pending gain changes are
-// written out; a subclass may instead let runs of packets that lie back to
-// back in one backing file be read at once and finish each packet's bytes
-// in place (edits_in_place, finish_in_place), which must give the same
-// bytes. The packets go out in blocks of up to kBlockBytes.
+// written out. The packets go out in blocks of up to kBlockBytes.
 //
 // The template, for a template size Z (the sample entry is Z - 404 bytes)
 // and S the sizes of the four tables:
@@ -92,23 +89,12 @@ protected:
     // silenced tells whether a packet was written as zeros.
     int write_packets(Packet** packets, int count, _kel_progress_ext_t* progress, bool& silenced);
 
-    // Whether get_bytes(buffer, -1) of packet is its stored bytes changed in
-    // place by finish_in_place; none is by default.
-    virtual bool edits_in_place(const Packet* packet) const;
-    // Turns packet's n stored bytes into what its get_bytes gives.
-    virtual void finish_in_place(Packet* packet, unsigned char* bytes, int n) const;
 
     // A truncated float sample rate, 0 when it is not a usable number.
     static uint32_t truncated_rate(float sample_rate);
     // A double truncated to the unsigned 32-bit range (0 for NaN).
     static uint32_t truncate_u32(double value);
 
-private:
-    // How many packets from first on (up to last, exclusive) can be read
-    // with one read of at most room bytes: they edit in place and their
-    // ranges follow each other in one backing file. 0 when packet first
-    // cannot; *bytes receives the run's length.
-    int bulk_run(Packet** packets, int first, int last, long long room, long long* bytes) const;
 };
 
 } // namespace KEL

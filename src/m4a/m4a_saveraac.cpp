@@ -3,11 +3,9 @@
 #include "core/fourcc.h"
 #include "core/progress.h"
 #include "m4a/m4aatoms.h"
-#include "m4a/packetm4aac.h"
 
 #include <cstdlib>
 #include <cstring>
-#include <typeinfo>
 
 namespace KEL {
 
@@ -85,16 +83,6 @@ bool M4A_SaverAAC::scan_chapters(const void* block, int length, uint32_t rate, C
         chapters.media_length = declared < available ? declared : available;
     }
     return true;
-}
-
-bool M4A_SaverAAC::edits_in_place(const Packet* packet) const
-{
-    return packet != nullptr && typeid(*packet) == typeid(PacketM4AAC);
-}
-
-void M4A_SaverAAC::finish_in_place(Packet* packet, unsigned char* bytes, int n) const
-{
-    static_cast<PacketM4AAC*>(packet)->apply_gain(bytes, n, -1.0f);
 }
 
 void M4A_SaverAAC::fill_sample_entry(int channels, uint32_t rate, int bit_rate, uint32_t average, int frequency_index)

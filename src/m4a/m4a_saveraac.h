@@ -30,11 +30,6 @@ public:
     int save(Packet** packets, int count, int channels, float sample_rate, int bit_rate, const void* first_block,
              int first_length, const void* second_block, int second_length, _kel_progress_ext_t* progress);
 
-protected:
-    // AAC packets are their stored bytes with the gain written into them.
-    bool edits_in_place(const Packet* packet) const override;
-    void finish_in_place(Packet* packet, unsigned char* bytes, int n) const override;
-
 private:
     // What the chapter image holds: its copy, track count, the bytes of its
     // "trak" atoms and where its media lie.
