@@ -17,7 +17,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -84,6 +86,11 @@ int main(int argc, char** argv)
     std::string folder = own_folder ? std::string(tmp != nullptr ? tmp : "/tmp") + "/kel-bench-XXXXXX" : argv[2];
     if (own_folder && mkdtemp(&folder[0]) == nullptr)
         return 1;
+    // A folder that is named but not there yet is made (one level).
+    if (!own_folder && mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
+        std::perror(folder.c_str());
+        return 1;
+    }
     const std::string only = argc > 3 ? argv[3] : "";
     repeats = argc > 4 ? std::max(1, std::atoi(argv[4])) : 1;
     const std::string wave = folder + "/source.wav";

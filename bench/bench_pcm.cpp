@@ -7,6 +7,7 @@
 #include "kel.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -95,6 +96,11 @@ int main(int argc, char** argv)
     std::string folder = argc > 2 ? argv[2] : std::string(tmp != nullptr ? tmp : "/tmp") + "/kel-bench-XXXXXX";
     if (argc <= 2 && mkdtemp(&folder[0]) == nullptr) {
         std::perror("mkdtemp");
+        return 1;
+    }
+    // A folder that is named but not there yet is made (one level).
+    if (argc > 2 && mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
+        std::perror(folder.c_str());
         return 1;
     }
     const std::string source = folder + "/hour.wav";

@@ -127,6 +127,10 @@ enum {
     KEL_ERR_TOO_LONG               = 0x45736D70, /* "Esmp" too long for the save format */
     KEL_ERR_TOO_LARGE              = 0x45627974, /* "Ebyt" too large for the save format */
     KEL_ERR_SAVED_WITH_ERRORS      = 0x45676761, /* "Egga" saved with errors (a warning) */
+    /* Raised inside the library and passed on by some calls; neither has a
+     * message of its own (kel_error_create describes them as unknown). */
+    KEL_ERR_PACKET_SIZE            = 0x4572737A, /* "Ersz" a packet's bytes could not be read whole */
+    KEL_ERR_PREROLL                = 0x45707265, /* "Epre" an MP3 frame's bit reservoir reaches before the clip */
     KEL_ERR_IS_DIRECTORY           = 21          /* EISDIR passed through by the savers */
 };
 
@@ -190,11 +194,32 @@ KEL_API float kel_max_sample_find(kel_overview_t* overview, int first, int last,
 /* Decodes one packet, with its gain and envelope, into buffers[0] and
  * buffers[1] (each at least the packet's frame count); returns the frames. */
 KEL_API int kel_clip_packet_decode(kel_clip_t* clip, int packet, float** buffers, int* err);
-/* Gains are linear factors; formats whose gain moves in steps keep the
- * wish and report the achievable value through the quantize call. */
+/* Gains are linear factors (1.0 unchanged). MP3 and AAC change gain without
+ * re-encoding, in whole steps of 2^(1/4) (about 1.505 dB): they keep the
+ * stored wish and apply its step count truncated toward zero, so a wish of
+ * 0.8 (-1.9 dB) plays at 0.841 (-1.5 dB), and an attenuation that lies
+ * exactly on a step plays one step nearer to 1.0 (0.5 plays at 0.5946).
+ *
+ * The trap: kel_clip_packet_quantize_gain stores the exact step value it
+ * returns, and for attenuations that value lies on a step, so the save then
+ * applies one step less than the call reported (quantize -6 dB, report
+ * -4.52 dB, hear -3.01 dB). Use it to show a value, not to store one. To
+ * store a gain that plays at the value you report, call
+ * kel_clip_packet_set_gain_nearest; to ask for n whole steps, pass it
+ * powf(2, n / 4.0f). */
 KEL_API int kel_clip_packet_set_gain(kel_clip_t* clip, int packet, float gain, int* err);
 KEL_API float kel_clip_packet_get_gain(kel_clip_t* clip, int packet, int* err);
 KEL_API float kel_clip_packet_quantize_gain(kel_clip_t* clip, int packet, int* err);
+/* Stores the gain that makes decoding and saving apply the achievable gain
+ * nearest (in decibels) to `gain`, and returns that applied gain: 2^(n/4)
+ * for the nearest whole step n on MP3 and AAC, `gain` itself elsewhere.
+ * The stored value (kel_clip_packet_get_gain) may differ from the result:
+ * on MP3 and AAC it lies half a step beyond it, away from 1.0. A negative
+ * gain fails with KEL_ERR_PARAMETER. */
+KEL_API float kel_clip_packet_set_gain_nearest(kel_clip_t* clip, int packet, float gain, int* err);
+/* The gain that decoding and saving really apply to the packet for its
+ * stored gain; stores nothing. */
+KEL_API float kel_clip_packet_applied_gain(kel_clip_t* clip, int packet, int* err);
 /* A fade over packets first..last from level `from` to level `to` (0..1). */
 KEL_API int kel_clip_log_fade(kel_clip_t* clip, int first, int last, float from, float to, int* err);
 KEL_API void kel_clip_log_fade_remove(kel_clip_t* clip, int first, int last, int* err);

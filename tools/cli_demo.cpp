@@ -138,9 +138,7 @@ int run_demo(const Args& args)
     const float factor = static_cast<float>(std::pow(10.0, -6.0 / 20.0));
     float applied = 1.0f;
     for (int p = quiet.first; p <= quiet.last; ++p) {
-        kel_clip_packet_set_gain(clip.get(), p, factor, &err);
-        if (err == 0)
-            applied = kel_clip_packet_quantize_gain(clip.get(), p, &err);
+        applied = kel_clip_packet_set_gain_nearest(clip.get(), p, factor, &err);
         if (err != 0)
             fail_library(err, "demo clip");
     }

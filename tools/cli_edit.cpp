@@ -12,6 +12,11 @@
 
 namespace KEL::cli {
 
+#define KEL_CODEC_HELP                                                            \
+    "  --codec aac|alac\n"                                                        \
+    "              the codec of an .m4a output (default: the input's when it\n"   \
+    "              is AAC or Apple Lossless, else AAC)\n"
+
 #define KEL_RANGE_HELP                                                            \
     "  --start T   start of the range in seconds (default: the beginning)\n"      \
     "  --end T     end of the range in seconds (default: the end)\n"              \
@@ -20,6 +25,7 @@ namespace KEL::cli {
     "              the file to write; its extension picks the format (.wav,\n"    \
     "              .aif/.aiff, .caf, .mp3, .m4a); another format than the\n"      \
     "              input's is converted on the way\n"                             \
+    KEL_CODEC_HELP                                                                \
     "\n"                                                                          \
     "Times are rounded to the nearest packet boundary: a packet is the\n"         \
     "smallest piece the file's coding can cut without decoding (1024 frames\n"    \
@@ -47,7 +53,7 @@ const char* const kSpliceHelp =
     "                  packet boundary (default: the end)\n"
     "  --packets       read --at as a packet index (OTHER goes before it)\n"
     "  --insert OTHER  the file to insert\n"
-    "  -o, --output OUT  the file to write (extension picks the format)\n";
+    "  -o, --output OUT  the file to write (extension picks the format)\n" KEL_CODEC_HELP;
 
 const char* const kGainHelp =
     "usage: kel gain FILE --db X [--start T --end T] -o OUT\n"
@@ -66,7 +72,7 @@ const char* const kFadeHelp =
     "\n"
     "  --in SEC    length of the fade-in\n"
     "  --out SEC   length of the fade-out\n"
-    "  -o, --output OUT  the file to write (extension picks the format)\n";
+    "  -o, --output OUT  the file to write (extension picks the format)\n" KEL_CODEC_HELP;
 
 const char* const kConvertHelp =
     "usage: kel convert FILE -o OUT.ext [--rate HZ] [--bits N] [--bitrate K]\n"
@@ -82,8 +88,8 @@ const char* const kConvertHelp =
     "  --bitrate K    bit rate in kbit/s for MP3 and AAC (default 128, or the\n"
     "                 input's when it is coded)\n"
     "  --vbr          variable bit rate (MP3)\n"
-    "  --lossless     .m4a as Apple Lossless\n"
-    "  -o, --output OUT  the file to write\n";
+    "  --lossless     .m4a as Apple Lossless (the same as --codec alac)\n"
+    "  -o, --output OUT  the file to write\n" KEL_CODEC_HELP;
 
 namespace {
 
@@ -92,6 +98,21 @@ constexpr Options::Known kStart{"start", true};
 constexpr Options::Known kEnd{"end", true};
 constexpr Options::Known kPacketsFlag{"packets", false};
 constexpr Options::Known kOutput{"output", true};
+constexpr Options::Known kCodec{"codec", true};
+
+// What --codec asks of an output (the container's codec otherwise).
+SaveSettings output_settings(const Options& o)
+{
+    SaveSettings s;
+    const std::string codec = o.text("codec");
+    if (codec == "aac")
+        s.codec = KEL_FORMAT_AAC;
+    else if (codec == "alac")
+        s.codec = KEL_FORMAT_ALAC;
+    else if (!codec.empty())
+        fail_usage(o.command(), "--codec must be aac or alac");
+    return s;
+}
 
 // For MP3, the synthetic frames that carry the bit reservoir of packet
 // `packet` of `clip` (the main data it keeps in the frames before it);
@@ -125,7 +146,7 @@ void put_in_front(ToolClip& clip, const ToolClip& frames)
 
 int keep_or_remove(const char* command, const char* help, const Args& args, bool keep)
 {
-    const Options o(command, args, {kStart, kEnd, kPacketsFlag, kOutput});
+    const Options o(command, args, {kStart, kEnd, kPacketsFlag, kOutput, kCodec});
     if (o.help())
         return show_help(help);
     o.expect_positional(1, "input file");
@@ -149,7 +170,7 @@ int keep_or_remove(const char* command, const char* help, const Args& args, bool
         piece.set_leading_tag(clip.leading_tag());
     std::printf("%s %s; %d packets, %.3f s left\n", keep ? "kept" : "removed", what.c_str(),
                 result.packet_count(), result.duration_seconds());
-    result.save(out);
+    result.save(out, output_settings(o));
     std::printf("wrote %s\n", out.c_str());
     return kExitOk;
 }
@@ -168,7 +189,7 @@ int run_copy(const Args& args)
 
 int run_splice(const Args& args)
 {
-    const Options o("splice", args, {{"at", true}, {"insert", true}, kPacketsFlag, kOutput});
+    const Options o("splice", args, {{"at", true}, {"insert", true}, kPacketsFlag, kOutput, kCodec});
     if (o.help())
         return show_help(kSpliceHelp);
     o.expect_positional(1, "input file");
@@ -195,14 +216,14 @@ int run_splice(const Args& args)
         fail_library(err, other.name());
     std::printf("inserted %d packets of %s before packet %d (%.3f s); %d packets, %.3f s in all\n", inserted,
                 other.name().c_str(), at, at_seconds, clip.packet_count(), clip.duration_seconds());
-    clip.save(out);
+    clip.save(out, output_settings(o));
     std::printf("wrote %s\n", out.c_str());
     return kExitOk;
 }
 
 int run_gain(const Args& args)
 {
-    const Options o("gain", args, {{"db", true}, kStart, kEnd, kPacketsFlag, kOutput});
+    const Options o("gain", args, {{"db", true}, kStart, kEnd, kPacketsFlag, kOutput, kCodec});
     if (o.help())
         return show_help(kGainHelp);
     o.expect_positional(1, "input file");
@@ -216,11 +237,12 @@ int run_gain(const Args& args)
     double highest = -INFINITY;
     for (int p = r.first; p <= r.last; ++p) {
         int err = 0;
-        const float before = kel_clip_packet_get_gain(clip.get(), p, &err);
-        if (err == 0)
-            kel_clip_packet_set_gain(clip.get(), p, static_cast<float>(before * factor), &err);
-        // The format snaps the wish to a gain it can store and keeps that.
-        const float applied = err == 0 ? kel_clip_packet_quantize_gain(clip.get(), p, &err) : 0.0f;
+        // Stepped formats (MP3, AAC) land on the step nearest to the wish,
+        // and what is reported is what the saved file carries.
+        const float before = kel_clip_packet_applied_gain(clip.get(), p, &err);
+        const float applied =
+            err == 0 ? kel_clip_packet_set_gain_nearest(clip.get(), p, static_cast<float>(before * factor), &err)
+                     : 0.0f;
         if (err != 0)
             fail_library(err, clip.name());
         const double change = before > 0.0f ? to_db(applied / before) : to_db(applied);
@@ -233,14 +255,14 @@ int run_gain(const Args& args)
     std::printf("gain %+.2f dB asked, %s applied on %s\n", db, applied.c_str(), clip.describe(r).c_str());
     if (std::fabs(lowest - db) > 0.005 || std::fabs(highest - db) > 0.005)
         std::printf("(%s changes gain in steps; that is the nearest it can store)\n", format_name(clip.info().format));
-    clip.save(out);
+    clip.save(out, output_settings(o));
     std::printf("wrote %s\n", out.c_str());
     return kExitOk;
 }
 
 int run_fade(const Args& args)
 {
-    const Options o("fade", args, {{"in", true}, {"out", true}, kOutput});
+    const Options o("fade", args, {{"in", true}, {"out", true}, kOutput, kCodec});
     if (o.help())
         return show_help(kFadeHelp);
     o.expect_positional(1, "input file");
@@ -265,7 +287,7 @@ int run_fade(const Args& args)
             fail_library(err, clip.name());
         std::printf("fade out over %s\n", clip.describe({first, count - 1}).c_str());
     }
-    clip.save(out);
+    clip.save(out, output_settings(o));
     std::printf("wrote %s\n", out.c_str());
     return kExitOk;
 }
@@ -273,12 +295,12 @@ int run_fade(const Args& args)
 int run_convert(const Args& args)
 {
     const Options o("convert", args,
-                    {{"rate", true}, {"bits", true}, {"bitrate", true}, {"vbr", false}, {"lossless", false}, kOutput});
+                    {{"rate", true}, {"bits", true}, {"bitrate", true}, {"vbr", false}, {"lossless", false}, kOutput, kCodec});
     if (o.help())
         return show_help(kConvertHelp);
     o.expect_positional(1, "input file");
     const std::string out = o.required("output");
-    SaveSettings s;
+    SaveSettings s = output_settings(o);
     s.sample_rate = static_cast<float>(o.number_at_least("rate", 0.0, 1.0));
     const long bits = o.integer("bits", 0);
     if (bits != 0 && bits != 16 && bits != 24)
@@ -289,7 +311,11 @@ int run_convert(const Args& args)
         fail_usage("convert", "--bitrate is in kbit/s and at most 640");
     s.bit_rate = static_cast<int>(std::lround(kbps * 1000.0));
     s.vbr = o.has("vbr");
-    s.lossless = o.has("lossless");
+    if (o.has("lossless")) {
+        if (s.codec == KEL_FORMAT_AAC)
+            fail_usage("convert", "--lossless and --codec aac contradict each other");
+        s.codec = KEL_FORMAT_ALAC;
+    }
     ToolClip clip = ToolClip::open(o.positional()[0]);
     const _kel_clip_info_t in = clip.info();
     clip.save(out, s);

@@ -131,6 +131,11 @@ Described describe(const std::string& path)
         return d;
     }
     d.info = clip.info();
+    // The clip counts whole packets, and a PCM file's last packet is
+    // counted full; the file's own description has its real length.
+    _kel_clip_info_t file{};
+    if (kel_file_info(path.c_str(), &file, nullptr) == 0)
+        d.info.duration = file.duration;
     d.packets = clip.packet_count();
     const std::vector<long long>& b = clip.boundaries();
     d.packet_frames = d.packets > 0 ? static_cast<int>(b[1] - b[0]) : 0;
@@ -196,6 +201,16 @@ std::string to_json(const Described& d)
     out += ", \"stereo_mode\": " + (mp3 ? json_string(stereo_mode_name(i.stereo_mode)) : std::string("null"));
     return out + "}";
 }
+
+// Codes without a message of their own, and what they mean.
+struct InternalCode {
+    int code;
+    const char* meaning;
+};
+static constexpr std::array<InternalCode, 2> kInternalCodes{{
+    {KEL_ERR_PACKET_SIZE, "a packet's bytes could not be read whole"},                  // Ersz
+    {KEL_ERR_PREROLL, "an MP3 frame reaches back past the first frame of the clip"}, // Epre
+}};
 
 int parse_code(const std::string& text)
 {
@@ -274,9 +289,15 @@ int run_explain(const Args& args)
     kel_error_t* error = kel_error_create(code, o.positional().size() == 2 ? o.positional()[1].c_str() : nullptr);
     if (error == nullptr)
         fail("out of memory");
+    std::string suggestion = kel_error_recovery_suggestion(error);
+    while (!suggestion.empty() && suggestion.back() == '\n')
+        suggestion.pop_back();
     std::printf("%s (%s, %s, %s)\n  %s\n", kel_error_description(error), code_text(code).c_str(),
-                kel_error_domain(error), KELErrorIsFatal(code) ? "fatal" : "warning",
-                kel_error_recovery_suggestion(error));
+                kel_error_domain(error), KELErrorIsFatal(code) ? "fatal" : "warning", suggestion.c_str());
+    // Codes the library raises internally have no message of their own.
+    for (const InternalCode& c : kInternalCodes)
+        if (c.code == code)
+            std::printf("  (%s is raised inside the library: %s)\n", code_text(code).c_str(), c.meaning);
     kel_error_free(error);
     return kExitOk;
 }

@@ -22,8 +22,9 @@ public:
     ClipOverview(const ClipOverview&) = delete;
     ClipOverview& operator=(const ClipOverview&) = delete;
 
-    // `points` (maximum, minimum) pairs over the range: element 2i is the
-    // maximum of point i, 2i+1 its minimum.
+    // Up to `points` (maximum, minimum) pairs over the range: element 2i is
+    // the maximum of point i, 2i+1 its minimum. Fewer come back when the
+    // packets after the first are shorter than it; they still cover the range.
     std::vector<float> min_max(PacketRange range, int points);
     // One RMS value (of the mono mix) per packet of the range.
     std::vector<float> rms(PacketRange range);

@@ -45,6 +45,46 @@ Target choose_target(int format, const _kel_clip_info_t& source, const SaveSetti
     return t;
 }
 
+double duration_of(kel_clip_t* clip)
+{
+    _kel_clip_info_t i{};
+    kel_clip_info(clip, &i);
+    return i.duration;
+}
+
+bool is_lossless(int format)
+{
+    return is_pcm(format) || format == KEL_FORMAT_ALAC;
+}
+
+// Reopens a written file and decodes its first and last packets, so that
+// no command reports success for a file that does not play back. Returns
+// the library's code, or 0.
+int check_written(const std::string& path)
+{
+    int err = 0;
+    kel_clip_t* clip = kel_clip_open(path.c_str(), &err, nullptr);
+    if (clip == nullptr)
+        return err != 0 ? err : KEL_ERR_UNKNOWN;
+    err = 0;
+    const int count = kel_clip_packet_count(clip);
+    std::vector<float> left;
+    std::vector<float> right;
+    for (const int p : {0, count - 1}) {
+        const int frames = kel_clip_packet_frame_count(clip, p, &err);
+        if (err != 0)
+            break;
+        left.assign(static_cast<size_t>(std::max(frames, 1)), 0.0f);
+        right.assign(left.size(), 0.0f);
+        float* buffers[2] = {left.data(), right.data()};
+        kel_clip_packet_decode(clip, p, buffers, &err);
+        if (err != 0)
+            break;
+    }
+    kel_clip_close(clip, nullptr);
+    return err;
+}
+
 bool needs_transcode(const Target& t, const _kel_clip_info_t& source, const SaveSettings& s)
 {
     if (t.format != source.format || t.sample_rate != source.sample_rate)
@@ -207,6 +247,9 @@ PacketRange ToolClip::range(const Options& o)
     const double end = o.number("end", duration);
     if (end <= start)
         fail_usage(o.command(), "--end must come after --start");
+    if (start >= duration)
+        fail(strprintf("%s: the range starts at %.3f s, but the file is %.3f s long", name_.c_str(), start,
+                       duration));
     const int first = boundary_at(start);
     const int stop = boundary_at(end);
     if (stop <= first)
@@ -225,12 +268,23 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
     int format = format_for_path(path);
     if (format == 0)
         fail(path + ": cannot tell the format from the file name; use " + writable_extensions());
-    if (format == KEL_FORMAT_AAC && settings.lossless)
-        format = KEL_FORMAT_ALAC;
     if (packet_count() < 1)
         fail(name_ + ": the clip is empty; nothing to save");
 
     const _kel_clip_info_t source = info();
+    if (format == KEL_FORMAT_AAC) {
+        // An .m4a keeps the source's codec unless another is asked for, so
+        // that a lossless source is never written lossy by its extension.
+        if (settings.codec != 0)
+            format = settings.codec;
+        else if (source.format == KEL_FORMAT_ALAC)
+            format = KEL_FORMAT_ALAC;
+    } else if (settings.codec != 0) {
+        fail(path + ": --codec chooses the codec of an .m4a file only");
+    }
+    if (is_lossless(source.format) && !is_lossless(format))
+        std::printf("note: %s holds lossless audio; %s is written as %s, which is lossy\n", name_.c_str(),
+                    path.c_str(), format_name(format));
     const Target t = choose_target(format, source, settings);
     ToolClip converted(nullptr, path);
     kel_clip_t* to_save = clip_;
@@ -276,7 +330,24 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         fail_library(err, path);
     if (err != 0)
         warn_library(err, path);
+    // Readers (this library's scan, ffmpeg's probe) recognise an MP3 stream
+    // by two frames in a row, so one frame alone is not found again. The
+    // file is what was asked for and is kept, but the status says it will
+    // not play.
+    const bool single_mp3_frame = t.format == KEL_FORMAT_MP3 && kel_clip_packet_count(to_save) == 1;
+    if (!single_mp3_frame) {
+        if (const int bad = check_written(partial.path()))
+            fail(strprintf("%s: the written file does not decode again (%s); nothing was written", path.c_str(),
+                           code_text(bad).c_str()));
+    }
     partial.commit();
+    if (single_mp3_frame) {
+        std::fprintf(stderr,
+                     "kel: warning: %s holds a single MP3 frame (%.3f s); neither kel nor ffmpeg opens such a "
+                     "file again (the file is kept)\n",
+                     path.c_str(), duration_of(to_save));
+        throw Exit{kExitFailure};
+    }
 }
 
 } // namespace KEL::cli

@@ -26,7 +26,9 @@ struct SaveSettings {
     int bits = 0;
     int bit_rate = 0; // bits per second, for MP3 and AAC
     bool vbr = false;
-    bool lossless = false; // .m4a as Apple Lossless instead of AAC
+    // The codec asked for an .m4a output (KEL_FORMAT_AAC or _ALAC); 0 keeps
+    // the source's where the container holds it, else AAC.
+    int codec = 0;
 };
 
 class ToolClip {

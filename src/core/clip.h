@@ -101,6 +101,11 @@ public:
     float packet_gain(int packet, int* err);
     void packet_gain(int packet, float gain, int* err);
     float packet_gain_quantize(int packet, int* err);
+    // Stores the gain that applies the achievable value nearest to `wanted`
+    // and returns that applied value; "EPnm", "Eprm" for a negative wish.
+    float packet_gain_nearest(int packet, float wanted, int* err);
+    // The gain that decoding and saving really apply for the stored gain.
+    float packet_gain_applied(int packet, int* err);
     void log_fade(int first, int last, float from, float to, int* err);
     void log_fade_remove(int first, int last, int* err);
     // A new clip in which every envelope is folded into per-packet gains.

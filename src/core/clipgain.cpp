@@ -156,6 +156,32 @@ float Clip::packet_gain_quantize(int packet, int* err)
     return stepped;
 }
 
+float Clip::packet_gain_nearest(int packet, float wanted, int* err)
+{
+    Packet* p = get_packet(packet);
+    if (p == nullptr) {
+        set_error(err, fourcc("EPnm"));
+        return 0.0f;
+    }
+    if (!(wanted >= 0.0f)) {
+        set_error(err, fourcc("Eprm"));
+        return 0.0f;
+    }
+    packet_gain(packet, p->storable_gain(wanted), err);
+    // Copy-on-write may have put another packet in the slot.
+    return packets[packet]->quantized_gain();
+}
+
+float Clip::packet_gain_applied(int packet, int* err)
+{
+    Packet* p = get_packet(packet);
+    if (p == nullptr) {
+        set_error(err, fourcc("EPnm"));
+        return 0.0f;
+    }
+    return p->quantized_gain();
+}
+
 void Clip::log_fade(int first, int last, float from, float to, int* err)
 {
     set_error(err, 0);

@@ -230,6 +230,16 @@ float kel_clip_packet_quantize_gain(kel_clip_t* clip, int packet, int* err)
     return clip->packet_gain_quantize(packet, ErrorWord(err).cleared());
 }
 
+float kel_clip_packet_set_gain_nearest(kel_clip_t* clip, int packet, float gain, int* err)
+{
+    return clip->packet_gain_nearest(packet, gain, ErrorWord(err).cleared());
+}
+
+float kel_clip_packet_applied_gain(kel_clip_t* clip, int packet, int* err)
+{
+    return clip->packet_gain_applied(packet, ErrorWord(err).cleared());
+}
+
 int kel_clip_log_fade(kel_clip_t* clip, int first, int last, float from, float to, int* err)
 {
     ErrorWord e(err);

@@ -104,6 +104,11 @@ float Packet::quantized_gain()
     return gain;
 }
 
+float Packet::storable_gain(float wanted)
+{
+    return wanted;
+}
+
 void Packet::make_wave_cache(float** channels, int frames, float* cache)
 {
     // Fewer than 8 frames give no whole segment per pair: such packets keep

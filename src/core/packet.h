@@ -44,6 +44,10 @@ public:
     virtual int disk_frame_count();
     // The gain the format can really store (stepped formats round it).
     virtual float quantized_gain();
+    // The gain to store so that decoding and saving apply the achievable
+    // gain nearest to `wanted` (in decibels). Formats without steps store
+    // the wish itself.
+    virtual float storable_gain(float wanted);
     // A new packet of the same class sharing the handle, with gain,
     // envelope and cache copied; null on failure.
     virtual Packet* copy() = 0;

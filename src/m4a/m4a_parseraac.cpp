@@ -3,6 +3,7 @@
 #include "core/fourcc.h"
 #include "m4a/m4aatoms.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
@@ -57,6 +58,78 @@ long long last_size_byte(const unsigned char* bytes, long long length, long long
     return p;
 }
 
+// Object type indications of the decoder configuration that carry AAC:
+// MPEG-4 audio (refined by the AudioSpecificConfig) and the three MPEG-2
+// AAC profiles.
+constexpr std::array<unsigned char, 4> kAacIndications = {
+    0x40, // MPEG-4 audio
+    0x66, // MPEG-2 AAC Main
+    0x67, // MPEG-2 AAC LC
+    0x68, // MPEG-2 AAC SSR
+};
+
+// MSB-first reader over an AudioSpecificConfig; reads past the end give 0
+// and set `over`.
+struct ConfigBits {
+    const unsigned char* bytes;
+    long long length;
+    long long bit = 0;
+    bool over = false;
+
+    unsigned read(int n)
+    {
+        unsigned value = 0;
+        for (int i = 0; i < n; ++i, ++bit) {
+            const long long byte = bit >> 3;
+            if (byte >= length) {
+                over = true;
+                value <<= 1;
+                continue;
+            }
+            value = (value << 1) | ((bytes[byte] >> (7 - (bit & 7))) & 1u);
+        }
+        return value;
+    }
+    long long left() const { return length * 8 - bit; }
+};
+
+// Audio object type: 5 bits, 31 escaping to 32 + the next 6 bits.
+unsigned object_type(ConfigBits& bits)
+{
+    const unsigned type = bits.read(5);
+    return type == 31 ? 32 + bits.read(6) : type;
+}
+
+// Whether an AudioSpecificConfig describes AAC without spectral band
+// replication. Layout: object type, sampling frequency index (4 bits, 15
+// followed by a 24-bit rate), channel configuration (4); object types 5
+// (SBR) and 29 (parametric stereo) name SBR explicitly. For the plain AAC
+// types the GASpecificConfig follows (frame length flag, core coder flag
+// with a 14-bit delay, extension flag), and after it an optional
+// backward-compatible extension: the 11-bit sync word 0x2B7, object type 5
+// and a presence flag.
+bool config_is_plain_aac(const unsigned char* asc, long long length)
+{
+    ConfigBits bits{asc, length};
+    const unsigned type = object_type(bits);
+    if (type < 1 || type > 4) // Main, LC, SSR, LTP
+        return false;
+    if (bits.read(4) == 15)
+        bits.read(24);
+    const unsigned channel_config = bits.read(4);
+    bits.read(1);
+    if (bits.read(1) != 0)
+        bits.read(14);
+    bits.read(1);
+    // A program config element (channel configuration 0) has a length of
+    // its own; no extension is looked for behind it.
+    if (channel_config == 0 || bits.over || bits.left() < 16)
+        return true;
+    if (bits.read(11) != 0x2B7)
+        return true;
+    return !(object_type(bits) == 5 && bits.read(1) == 1);
+}
+
 } // namespace
 
 int M4A_ParserAAC::detect(FILE* file)
@@ -100,6 +173,8 @@ int M4A_ParserAAC::parse(FILE* file)
         }
     }
 
+    if (!plain_aac)
+        return fourcc("Efms");
     if (!load_tables(file, track))
         return fourcc("Eaac");
     return 0;
@@ -121,9 +196,20 @@ void M4A_ParserAAC::read_esds(const unsigned char* rest, long long length)
     // maximum and average bit rates.
     const int max_rate = length > config + 10 ? static_cast<int32_t>(get32(rest + config + 6)) : 0;
     const int avg_rate = length > config + 14 ? static_cast<int32_t>(get32(rest + config + 10)) : 0;
+    if (length > config + 1) {
+        const unsigned char indication = rest[config + 1];
+        plain_aac = std::find(kAacIndications.begin(), kAacIndications.end(), indication) != kAacIndications.end();
+    }
 
-    p = find_tag(rest, length, config + 14, kTagDecoderSpecific);
-    p = last_size_byte(rest, length, p);
+    const long long specific = find_tag(rest, length, config + 14, kTagDecoderSpecific);
+    p = last_size_byte(rest, length, specific);
+    if (plain_aac && length > p + 1 && rest[config + 1] == 0x40) {
+        // The descriptor's size: 7 bits per size byte.
+        long long size = 0;
+        for (long long s = specific + 1; s <= p && s < length; ++s)
+            size = (size << 7) | (rest[s] & 0x7F);
+        plain_aac = config_is_plain_aac(rest + p + 1, std::min(size, length - p - 1));
+    }
     int frequency_index = 15;
     int channel_config = 0;
     if (length > p + 3) {

@@ -17,7 +17,11 @@ public:
     // "Efms".
     static int detect(FILE* file);
     // 0, "Eaac" (no "mp4a" entry, or a sample table missing or unreadable),
-    // "Eeof" or "EIO " (the sample entry could not be read).
+    // "Eeof" or "EIO " (the sample entry could not be read), "Efms" (the
+    // decoder configuration names another codec than plain AAC: MPEG-4
+    // ALS, MP3 in MPEG-4, or AAC with spectral band replication, whose
+    // output rate and length the clip could not describe and whose high band
+    // a lossless gain would not reach).
     int parse(FILE* file) override;
 
     // The smallest standard AAC bit rate not below bit_rate, 0 when
@@ -28,6 +32,10 @@ private:
     // Reads bit rate, sampling frequency and channels from the "esds" atom
     // that follows the sample entry's 36 bytes; length bytes at rest.
     void read_esds(const unsigned char* rest, long long length);
+
+    // Whether the "esds" describes plain AAC (Main, LC, SSR or LTP without
+    // spectral band replication); true when it says nothing either way.
+    bool plain_aac = true;
 };
 
 } // namespace KEL

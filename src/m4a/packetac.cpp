@@ -5,6 +5,8 @@
 #include "core/bshandle.h"
 #include "core/fourcc.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -174,6 +176,18 @@ PacketAC::~PacketAC() = default;
 bool PacketAC::can_change_gain_inline()
 {
     return true;
+}
+
+float PacketAC::nearest_step_gain(float wanted)
+{
+    if (!(wanted >= 1e-12f))
+        return 0.0f; // also NaN: the walks drive every field to 0 below 1e-12
+    // Whole steps of 2^(1/4) nearest in decibels; the fields hold 8 bits,
+    // so no change goes beyond 255 steps.
+    const double steps = std::clamp(std::nearbyint(4.0 * std::log2(static_cast<double>(wanted))), -255.0, 255.0);
+    if (steps == 0.0)
+        return 1.0f; // untouched bytes
+    return static_cast<float>(std::exp2((steps + std::copysign(0.5, steps)) / 4.0));
 }
 
 int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_more_input, int* error, float gain,

@@ -28,6 +28,15 @@ public:
 
     virtual bool can_change_gain_inline();
 
+    // For the formats whose gain moves the global gain fields in whole steps
+    // of 2^(1/4): the gain whose step count, truncated toward zero after
+    // the +0.001 the gain walks add, is the step nearest to `wanted`. The
+    // exact step value 2^(n/4) would not do for attenuations: it lies a
+    // hair below -n steps, the truncation moves it one step toward 1, and
+    // the save would apply one step less than asked. Half a step further
+    // out lands on n whatever the rounding of the float on the way.
+    static float nearest_step_gain(float wanted);
+
     // Pushes the packet's bytes (read with get_bytes(buffer, gain)) through
     // the codec and delivers its output in out[0] (left) and out[1]
     // (right), frame_count floats each; out null, or either channel null,

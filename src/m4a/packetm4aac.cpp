@@ -19,6 +19,11 @@ Packet::Type PacketM4AAC::type() const
     return TypeAAC;
 }
 
+float PacketM4AAC::storable_gain(float wanted)
+{
+    return nearest_step_gain(wanted);
+}
+
 float PacketM4AAC::quantized_gain()
 {
     if (gain < 1e-12f)

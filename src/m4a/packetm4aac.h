@@ -17,6 +17,7 @@ public:
     Type type() const override;
     // The gain rounded to whole global_gain steps: 2^(S/4), 0 below 1e-12.
     float quantized_gain() override;
+    float storable_gain(float wanted) override;
     // The block's bytes with the gain (negative: the packet's own) written
     // into its global_gain fields; exactly the stored bytes at 1.0. A walk
     // that fails leaves the fields it had not reached. Returns the byte

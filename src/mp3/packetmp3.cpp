@@ -57,6 +57,11 @@ int PacketMP3::get_bytes(void* buffer, float gain)
     return n;
 }
 
+float PacketMP3::storable_gain(float wanted)
+{
+    return nearest_step_gain(wanted);
+}
+
 float PacketMP3::quantized_gain()
 {
     return mp3_quantized_gain(gain);

@@ -25,6 +25,7 @@ public:
     // byte count.
     int get_bytes(void* buffer, float gain) override;
     float quantized_gain() override;
+    float storable_gain(float wanted) override;
     // Same parameters and handle (shared), gain and envelope state copied.
     Packet* copy() override;
 

@@ -134,10 +134,11 @@ class CliTest(unittest.TestCase):
         out = json.loads(run("info", "--json", mono24, mp3, garbage, status=1).stdout)
         self.assertEqual(len(out), 3)
         w, m, bad = out
-        # 5000 frames make five packets, the last reporting a whole packet.
+        # 5000 frames make five packets, the last reporting a whole packet;
+        # the duration is the file's own.
         self.assertEqual((w["format"], w["channels"], w["bits_per_sample"], w["packets"], w["packet_frames"]),
                          ("WAVE", 1, 24, 5, 1024))
-        self.assertAlmostEqual(w["duration"], 5 * 1024 / RATE, places=4)
+        self.assertAlmostEqual(w["duration"], 5000 / RATE, places=4)
         self.assertEqual(w["bit_rate"], RATE * 24)
         self.assertIsNone(w["mpeg_version"])
         self.assertEqual((m["format"], m["rate_mode"], m["mpeg_version"], m["stereo_mode"]),
@@ -188,16 +189,6 @@ class CliTest(unittest.TestCase):
         for k in range(100):
             expected = 0.5 * (10 ** (-6 / 20) if boundary(1) <= k < boundary(2) else 1.0)
             self.assertAlmostEqual(peak[k], expected, delta=2e-4, msg=f"packet {k}")
-
-        # MP3 gain moves in whole global_gain steps of 2^(1/4), rounded
-        # toward 1 (truncated step count): -6 dB is 3 steps, -4.52 dB.
-        mp3 = self.path("sine.mp3")
-        subprocess.run(["lame", "--quiet", "-b", "128", sine, mp3], check=True)
-        step_db = 20 * math.log10(2) / 4
-        p = run("gain", mp3, "--db", -6, "-o", self.path("g.mp3"), status=None)
-        self.assertIn("%+.2f dB applied" % (int(-6 / step_db + 0.001) * step_db), p.stdout)
-        if p.returncode != 0:  # saving edited MP3 may be missing; then no file
-            self.assertFalse(os.path.exists(self.path("g.mp3")))
 
         # Fades are the square of a straight ramp over whole packets.
         flat = self.path("flat.wav")
