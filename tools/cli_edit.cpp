@@ -249,6 +249,7 @@ int run_gain(const Args& args)
         lowest = std::min(lowest, change);
         highest = std::max(highest, change);
     }
+    clip.note_edited(r);
     std::string applied = strprintf("%+.2f dB", lowest);
     if (highest - lowest > 0.005)
         applied = strprintf("%+.2f to %+.2f dB", lowest, highest);
@@ -278,6 +279,7 @@ int run_fade(const Args& args)
         const int last = std::min(count - 1, std::max(1, clip.boundary_at(in)) - 1);
         if (!kel_clip_log_fade(clip.get(), 0, last, 0.0f, 1.0f, &err))
             fail_library(err, clip.name());
+        clip.note_edited({0, last});
         std::printf("fade in over %s\n", clip.describe({0, last}).c_str());
     }
     if (out_seconds > 0.0) {
@@ -285,6 +287,7 @@ int run_fade(const Args& args)
         const int first = std::max(0, std::min(count - 1, clip.boundary_at(start)));
         if (!kel_clip_log_fade(clip.get(), first, count - 1, 1.0f, 0.0f, &err))
             fail_library(err, clip.name());
+        clip.note_edited({first, count - 1});
         std::printf("fade out over %s\n", clip.describe({first, count - 1}).c_str());
     }
     clip.save(out, output_settings(o));

@@ -163,6 +163,12 @@ ToolClip& ToolClip::operator=(ToolClip&& other) noexcept
     return *this;
 }
 
+void ToolClip::note_edited(PacketRange range)
+{
+    if (range.last == packet_count() - 1)
+        last_packet_edited_ = true;
+}
+
 void ToolClip::close()
 {
     if (clip_ != nullptr)
@@ -288,7 +294,22 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
     const Target t = choose_target(format, source, settings);
     ToolClip converted(nullptr, path);
     kel_clip_t* to_save = clip_;
-    if (needs_transcode(t, source, settings)) {
+    // The library writes a changed Apple Lossless packet shorter than the
+    // others (a file's last one) as a bare uncompressed frame without its
+    // length, which its own decoder reads but ffmpeg and other players do
+    // not. Encoding the clip anew writes only whole, standard packets; the
+    // last one is completed with silence.
+    bool reencode_tail = false;
+    if (t.format == KEL_FORMAT_ALAC && source.format == KEL_FORMAT_ALAC && last_packet_edited_) {
+        int err = 0;
+        const int last = kel_clip_packet_frame_count(clip_, packet_count() - 1, &err);
+        reencode_tail = err == 0 && last < kel_clip_packet_frame_count(clip_, 0, &err);
+        if (reencode_tail)
+            std::printf("note: the short last packet changed; the audio is encoded again as whole packets, "
+                        "so %d frames of silence end the file\n",
+                        kel_clip_packet_frame_count(clip_, 0, &err) - last);
+    }
+    if (reencode_tail || needs_transcode(t, source, settings)) {
         int err = 0;
         ToolClip empty(kel_clip_create(t.format, t.channels, t.sample_rate, t.bits, t.bit_rate, settings.vbr ? 1 : 0,
                                        &err),

@@ -74,6 +74,10 @@ public:
     // Closes the clip now.
     void close();
 
+    // Records that gains or fades were set on packets of the range; save()
+    // needs to know whether the last packet was among them.
+    void note_edited(PacketRange range);
+
     // The bytes written in front of the audio when the clip is saved as MP3:
     // the ID3v2 tag of the MP3 file it was opened from (empty when none).
     const std::vector<unsigned char>& leading_tag() const { return leading_tag_; }
@@ -84,6 +88,7 @@ private:
     std::string name_;
     std::vector<long long> boundaries_;
     std::vector<unsigned char> leading_tag_;
+    bool last_packet_edited_ = false;
 };
 
 } // namespace KEL::cli

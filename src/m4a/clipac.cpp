@@ -156,6 +156,11 @@ int ClipAC::packet_decode_play(int index, float** out, int* error, float gain)
     return packet_decode(codec, last_index, primed, index, out, error, gain);
 }
 
+bool ClipAC::packet_needs_fresh_codec(int)
+{
+    return false;
+}
+
 int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm, int index, float** out,
                           int* error, float gain)
 {
@@ -183,6 +188,8 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
                 *error = fourcc("EILC");
                 return 0;
             }
+            if (k > 0 && k > index - nbackpackets() && packet_needs_fresh_codec(k))
+                audio_codec_reset(decoder);
             packet->decode(nullptr, decoder, more, error, gain, bits);
             ++warm;
         }
@@ -197,6 +204,8 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
             *error = fourcc("EILC");
             return 0;
         }
+        if (index + i > 0 && packet_needs_fresh_codec(index + i))
+            audio_codec_reset(decoder);
         const int frames = packet->decode(out, decoder, more, error, gain, bits);
         if (more)
             continue;

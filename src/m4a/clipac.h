@@ -68,6 +68,12 @@ public:
     // Called on every new codec before it is initialized (magic cookie and
     // other properties); non-zero refuses the codec.
     virtual int specific_codec_setup(ComponentInstanceRecord* codec);
+    // True when packet index (> 0) draws on data that the packet before it
+    // in the clip did not come with (an MP3 frame's bit reservoir after a
+    // frame that was not its neighbour in the file). The codec then starts
+    // afresh at this packet, as a new decoder would, instead of reading
+    // what it kept from other frames as if it belonged here. Base: false.
+    virtual bool packet_needs_fresh_codec(int index);
 
     // The information record's fields every coded clip fills alike: the
     // format number, the parameters, the stream figures and the rate mode

@@ -349,6 +349,16 @@ int ClipMP3::packet_preroll_count(int index, int* err)
     return count;
 }
 
+bool ClipMP3::packet_needs_fresh_codec(int index)
+{
+    auto* packet = dynamic_cast<PacketMP3*>(get_packet(index));
+    auto* before = dynamic_cast<PacketMP3*>(get_packet(index - 1));
+    if (packet == nullptr || before == nullptr || packet->follows_in_stream(*before))
+        return false;
+    int err = 0;
+    return packet->get_main_data_begin(err) > 0 && err == 0;
+}
+
 Clip* ClipMP3::NewClip(BSFile* file)
 {
     auto* clip = new (std::nothrow) ClipMP3(channels, sample_rate, type, stereo_mode, nominal_bit_rate, file);
@@ -450,11 +460,17 @@ int ClipMP3::load(FILE* file, const char* path, _kel_progress_ext_t* progress)
     const StreamMatch match{type, static_cast<int>(sample_rate), channels};
     const int frames = frames_per_packet();
     ProgressThrottle throttle(progress);
+    // Where the next frame starts when nothing is skipped, and the running
+    // stream number (PacketMP3::stream_serial).
+    long long expected = start;
+    int serial = -1;
     const int code = walk_stream(file, start, size, match, throttle,
                                  [&](long long pos, const mpeg_frame_t& frame, bool whole) -> int {
                                      // A last frame cut short is no packet.
                                      if (!whole)
                                          return 0;
+                                     serial += pos == expected ? 1 : 2;
+                                     expected = pos + frame.frame_length;
                                      BSHandle* handle = store->NewHandle(pos, frame.frame_length);
                                      if (handle == nullptr)
                                          return fourcc("EILC");
@@ -463,6 +479,7 @@ int ClipMP3::load(FILE* file, const char* path, _kel_progress_ext_t* progress)
                                      handle->release();
                                      if (packet == nullptr)
                                          return fourcc("EUnk");
+                                     packet->stream_serial = serial;
                                      add_packet(packet);
                                      packet->release();
                                      if (frame.bit_rate > nominal_bit_rate)

@@ -60,6 +60,11 @@ public:
     int frames_per_packet() override;
     int nbackpackets() override;
     int nfwdpackets() override;
+    // A frame whose main_data_begin reaches back, behind a frame that did
+    // not precede it in the file: its reservoir lies in bytes the clip does
+    // not hold, and decoding it after other frames' main data gives noise
+    // far above full scale.
+    bool packet_needs_fresh_codec(int index) override;
 
     // The clip's packet type (3, 4 or 5).
     int mp3_flavor() const { return type; }

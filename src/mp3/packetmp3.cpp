@@ -1,6 +1,7 @@
 #include "mp3/packetmp3.h"
 
 #include "core/bshandle.h"
+#include "core/bshandlefile.h"
 #include "mp3/bitstream.h"
 #include "mp3/mp3framegain.h"
 
@@ -70,9 +71,21 @@ float PacketMP3::quantized_gain()
 Packet* PacketMP3::copy()
 {
     auto* twin = new (std::nothrow) PacketMP3(bit_rate, sample_rate, channels(), frame_count, mp3_type, handle);
-    if (twin != nullptr)
+    if (twin != nullptr) {
         twin->copy_packet_data(this);
+        twin->stream_serial = stream_serial;
+    }
     return twin;
+}
+
+bool PacketMP3::follows_in_stream(const PacketMP3& before) const
+{
+    if (stream_serial < 0 || before.stream_serial < 0)
+        return true;
+    const auto* mine = dynamic_cast<const BSHandleFile*>(handle);
+    const auto* theirs = dynamic_cast<const BSHandleFile*>(before.handle);
+    return mine != nullptr && theirs != nullptr && mine->file == theirs->file &&
+           before.stream_serial + 1 == stream_serial;
 }
 
 int PacketMP3::static_part_size(int& err)

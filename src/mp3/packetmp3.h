@@ -36,7 +36,17 @@ public:
     // than 8 bytes.
     int get_main_data_begin(int& err);
 
+    // Whether this frame came right after `before` in the file they were
+    // both loaded from, with no bytes skipped between them. Frames made in
+    // memory (padding frames, encoder output) count as following anything:
+    // they are built for the place they are put.
+    bool follows_in_stream(const PacketMP3& before) const;
+
     int mp3_type;
+    // Position in the loaded stream: consecutive frames have consecutive
+    // numbers, and a gap of skipped bytes adds one more; -1 for frames not
+    // loaded from a file.
+    int stream_serial = -1;
 };
 
 } // namespace KEL
