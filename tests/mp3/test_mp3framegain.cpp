@@ -7,6 +7,8 @@
 #include "core/fourcc.h"
 #include "mp3/mp3framegain.h"
 
+#include "m4a/packetac.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -102,6 +104,32 @@ TEST(Mp3FrameGain, QuantizedGainAndStepsAgree)
         ++checked;
     }
     EXPECT_GT(checked, 2900);
+}
+
+// The gain to store for the step nearest a wish: stored and saved, it moves
+// the fields by exactly that step, and the step reported is the one applied.
+// Storing the exact step value instead lands one step short for every
+// attenuation (the trap of quantize-then-save).
+TEST(Mp3FrameGain, NearestStepGainLandsOnTheStep)
+{
+    std::mt19937 rng(12);
+    const Bytes frame = synthetic_frame(rng, 3, false, false, {128}, 0, 417);
+    const size_t field = parse_side_info(frame).gain_bits[0];
+    for (int n = -40; n <= 40; ++n) {
+        // Wishes anywhere within a step of n (in decibels) round to n.
+        for (const double off : {-0.49, 0.0, 0.49}) {
+            const float wish = float(std::pow(2.0, (n + off) / 4.0));
+            const float stored = PacketAC::nearest_step_gain(wish);
+            ASSERT_EQ(int(read_field(adjusted(frame, stored), field, 8)) - 128, n) << n << " " << off;
+            ASSERT_NEAR(mp3_quantized_gain(stored), std::pow(2.0, n / 4.0), 1e-6 * std::pow(2.0, n / 4.0));
+        }
+        if (n < 0) { // the exact step value itself truncates toward 1
+            const float exact = float(std::pow(2.0, n / 4.0));
+            EXPECT_EQ(int(read_field(adjusted(frame, exact), field, 8)) - 128, n + 1) << n;
+        }
+    }
+    EXPECT_EQ(PacketAC::nearest_step_gain(1.0f), 1.0f);
+    EXPECT_EQ(PacketAC::nearest_step_gain(0.0f), 0.0f);
 }
 
 TEST(Mp3FrameGain, SyntheticFramesEveryLayout)
