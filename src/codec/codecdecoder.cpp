@@ -177,6 +177,16 @@ bool CodecDecoder::next_frame(int* error)
                 av_frame_unref(pending_);
                 continue;
             }
+            // AAC whose configuration does not announce spectral band
+            // replication can still carry it; FFmpeg then switches to twice
+            // the rate and twice the frames. A packet's frames no longer
+            // match the stream the caller described, so none are given.
+            if (pending_->sample_rate > 0 &&
+                pending_->sample_rate != static_cast<int>(std::lround(input_.sample_rate))) {
+                av_frame_unref(pending_);
+                *error = kCodecErrUnsupportedFormat;
+                return false;
+            }
             has_pending_ = true;
             pending_offset_ = 0;
             return true;
