@@ -3,7 +3,7 @@
 #include "core/bsfile.h"
 #include "core/bshandle.h"
 #include "core/fourcc.h"
-#include "core/formatdispatch.h"
+#include "api/formatdispatch.h"
 #include "core/packet.h"
 
 #include <climits>

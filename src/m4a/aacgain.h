@@ -11,7 +11,7 @@
 #ifndef KEL_M4A_AACGAIN_H
 #define KEL_M4A_AACGAIN_H
 
-#include "mp3/bitstream.h"
+#include "coded/bitstream.h"
 
 namespace KEL {
 

@@ -11,7 +11,7 @@
 #ifndef KEL_MP3_CLIPMP3_H
 #define KEL_MP3_CLIPMP3_H
 
-#include "m4a/clipac.h"
+#include "coded/clipac.h"
 
 #include <cstdio>
 

@@ -1,7 +1,7 @@
 #include "mp3/packetmp3.h"
 
 #include "core/bshandle.h"
-#include "mp3/bitstream.h"
+#include "coded/bitstream.h"
 #include "mp3/mp3framegain.h"
 
 #include <algorithm>

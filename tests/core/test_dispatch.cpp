@@ -1,7 +1,7 @@
 // Format dispatch: the fixed asking order, which format opens a file, and
 // which error survives, checked with scripted stand-in formats.
 #include "core/bshandlemem.h"
-#include "core/formatdispatch.h"
+#include "api/formatdispatch.h"
 #include "core/fourcc.h"
 #include "fakeformat.h"
 

@@ -1,7 +1,7 @@
 // Decodes the packets of a codec-component clip for transcoding, with a
 // decoder instance and decoding state of its own.
-#ifndef KEL_M4A_CLIPDECODERAC_H
-#define KEL_M4A_CLIPDECODERAC_H
+#ifndef KEL_CODED_CLIPDECODERAC_H
+#define KEL_CODED_CLIPDECODERAC_H
 
 #include "core/clipdecoder.h"
 

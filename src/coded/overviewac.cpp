@@ -1,7 +1,7 @@
-#include "m4a/overviewac.h"
+#include "coded/overviewac.h"
 
 #include "codec/component.h"
-#include "m4a/clipac.h"
+#include "coded/clipac.h"
 
 namespace KEL {
 

@@ -16,8 +16,8 @@
 // packets have been fed after one reset, every request resets again, so
 // that a decoder that starts at packet 0 and plays on is primed with the
 // whole history; after that, consecutive requests cost one codec call each.
-#ifndef KEL_M4A_CLIPAC_H
-#define KEL_M4A_CLIPAC_H
+#ifndef KEL_CODED_CLIPAC_H
+#define KEL_CODED_CLIPAC_H
 
 #include "core/clip.h"
 

@@ -6,8 +6,8 @@
 // formats change gain in the compressed data (MP3 and AAC move their
 // global gain fields, Apple Lossless re-encodes), so can_change_gain_inline
 // is true and the decoded samples are not scaled again.
-#ifndef KEL_M4A_PACKETAC_H
-#define KEL_M4A_PACKETAC_H
+#ifndef KEL_CODED_PACKETAC_H
+#define KEL_CODED_PACKETAC_H
 
 #include "core/packet.h"
 

@@ -1,11 +1,11 @@
-#include "m4a/clipac.h"
+#include "coded/clipac.h"
 
 #include "codec/codectypes.h"
 #include "codec/component.h"
 #include "core/fourcc.h"
-#include "m4a/clipdecoderac.h"
-#include "m4a/overviewac.h"
-#include "m4a/packetac.h"
+#include "coded/clipdecoderac.h"
+#include "coded/overviewac.h"
+#include "coded/packetac.h"
 
 #include <new>
 

@@ -1,6 +1,6 @@
 // Bit reader: field reads of up to 8 bits, in-place 8-bit writes, and the
 // alignment step with its one-byte-short bound.
-#include "mp3/bitstream.h"
+#include "coded/bitstream.h"
 
 #include "core/fourcc.h"
 

@@ -5,8 +5,8 @@
 // has no reliable signature, is asked last. The order and the rules about
 // which error survives are fixed here; each format decides for itself in
 // its detect function.
-#ifndef KEL_CORE_FORMATDISPATCH_H
-#define KEL_CORE_FORMATDISPATCH_H
+#ifndef KEL_API_FORMATDISPATCH_H
+#define KEL_API_FORMATDISPATCH_H
 
 #include "kel.h"
 

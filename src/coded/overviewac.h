@@ -1,8 +1,8 @@
 // Overviews of codec-component clips. Each overview owns a decoder instance
 // and decoding state of its own, so that drawing never disturbs playback
 // or a transcoding decoder of the same clip.
-#ifndef KEL_M4A_OVERVIEWAC_H
-#define KEL_M4A_OVERVIEWAC_H
+#ifndef KEL_CODED_OVERVIEWAC_H
+#define KEL_CODED_OVERVIEWAC_H
 
 #include "overview/overview.h"
 

@@ -23,8 +23,8 @@
 // readable for one byte past `length`. peek_8bits and poke_8bits at bit
 // offset 0 touch `current` only, and at any other offset the bound check
 // already guarantees that the next byte is inside the range.
-#ifndef KEL_MP3_BITSTREAM_H
-#define KEL_MP3_BITSTREAM_H
+#ifndef KEL_CODED_BITSTREAM_H
+#define KEL_CODED_BITSTREAM_H
 
 #include "kel.h"
 

@@ -1,4 +1,4 @@
-#include "m4a/packetac.h"
+#include "coded/packetac.h"
 
 #include "codec/codectypes.h"
 #include "codec/component.h"

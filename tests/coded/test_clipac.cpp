@@ -5,8 +5,8 @@
 #include "codec/codectypes.h"
 #include "core/bshandlemem.h"
 #include "core/fourcc.h"
-#include "m4a/clipac.h"
-#include "m4a/packetac.h"
+#include "coded/clipac.h"
+#include "coded/packetac.h"
 #include "common/oracle.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "core/formatdispatch.h"
+#include "api/formatdispatch.h"
 
 #include "core/clip.h"
 #include "core/fourcc.h"
