@@ -15,11 +15,11 @@ namespace KEL {
 
 namespace {
 
-// Formats whose slots are still empty are skipped; a missing fallback
-// leaves every unrecognised file as "Efmu".
-bool present(const ClipFormat& format)
+// The table's open for a format whose open returns its own clip class.
+template <class ClipT>
+Clip* open_as(const char* path, int* err, _kel_progress_ext_t* progress)
 {
-    return format.detect != nullptr;
+    return ClipT::open(path, err, progress);
 }
 
 } // namespace
@@ -32,41 +32,38 @@ FormatDispatch::FormatDispatch(std::vector<ClipFormat> containers, ClipFormat fa
 const FormatDispatch& FormatDispatch::standard()
 {
     // In asking order: AIFF, CAF, WAVE, AAC, Apple Lossless; MP3 last.
-    // Formats not built yet hold empty rows.
     static const FormatDispatch dispatch(
         {
-            ClipFormat{&ClipAIFF::detect,
-                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
-                           return ClipAIFF::open(path, err, progress);
-                       },
-                       &ClipAIFF::get_file_info, fourcc("Eaif")}, // AIFF
-            ClipFormat{&ClipCAFF::detect,
-                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
-                           return ClipCAFF::open(path, err, progress);
-                       },
-                       &ClipCAFF::get_file_info, fourcc("Ecaf")}, // CAF
-            ClipFormat{&ClipWAVE::detect,
-                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
-                           return ClipWAVE::open(path, err, progress);
-                       },
-                       &ClipWAVE::get_file_info, fourcc("Ewav")}, // WAVE
-            ClipFormat{&ClipM4AAC::detect,
-                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
-                           return ClipM4AAC::open(path, err, progress);
-                       },
-                       &ClipM4AAC::get_file_info, 0}, // AAC in MPEG-4
-            ClipFormat{&ClipM4ALAC::detect,
-                       [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
-                           return ClipM4ALAC::open(path, err, progress);
-                       },
-                       &ClipM4ALAC::get_file_info, 0}, // Apple Lossless in MPEG-4
+            ClipFormat{&ClipAIFF::detect, &open_as<ClipAIFF>, &ClipAIFF::get_file_info, fourcc("Eaif"), KEL_FORMAT_AIFF,
+                       [](int channels, float rate, int bits, int, int, int* err) -> Clip* {
+                           return ClipAIFF::create_empty(channels, rate, bits, err);
+                       }},
+            ClipFormat{&ClipCAFF::detect, &open_as<ClipCAFF>, &ClipCAFF::get_file_info, fourcc("Ecaf"), KEL_FORMAT_CAF,
+                       [](int channels, float rate, int bits, int, int, int* err) -> Clip* {
+                           return ClipCAFF::create_empty(channels, rate, bits, err);
+                       }},
+            ClipFormat{&ClipWAVE::detect, &open_as<ClipWAVE>, &ClipWAVE::get_file_info, fourcc("Ewav"), KEL_FORMAT_WAVE,
+                       [](int channels, float rate, int bits, int, int, int* err) -> Clip* {
+                           return ClipWAVE::create_empty(channels, rate, bits, err);
+                       }},
+            ClipFormat{&ClipM4AAC::detect, &open_as<ClipM4AAC>, &ClipM4AAC::get_file_info, 0, KEL_FORMAT_AAC,
+                       [](int channels, float rate, int, int bit_rate, int, int* err) -> Clip* {
+                           return ClipM4AAC::create_empty(channels, rate, bit_rate, err);
+                       }},
+            ClipFormat{&ClipM4ALAC::detect, &open_as<ClipM4ALAC>, &ClipM4ALAC::get_file_info, 0, KEL_FORMAT_ALAC,
+                       [](int channels, float rate, int bits, int, int, int* err) -> Clip* {
+                           return ClipM4ALAC::create_empty(channels, rate, bits, err);
+                       }},
         },
         // MP3 has no signature to detect by: asked last, never "corrupt".
         ClipFormat{&ClipMP3::detect,
                    [](const char* path, int* err, _kel_progress_ext_t* progress) -> Clip* {
                        return ClipMP3::open(path, err, progress, false, false);
                    },
-                   &ClipMP3::get_file_info, 0});
+                   &ClipMP3::get_file_info, 0, KEL_FORMAT_MP3,
+                   [](int channels, float rate, int, int bit_rate, int flag, int* err) -> Clip* {
+                       return ClipMP3::create_empty(channels, rate, bit_rate, flag != 0, err);
+                   }});
     return dispatch;
 }
 
@@ -75,8 +72,6 @@ Clip* FormatDispatch::open(const char* path, int* err, _kel_progress_ext_t* prog
     *err = 0;
     Clip* clip = nullptr;
     for (const ClipFormat& format : containers_) {
-        if (!present(format))
-            continue;
         *err = format.detect(path);
         if (*err != 0)
             continue;
@@ -90,13 +85,9 @@ Clip* FormatDispatch::open(const char* path, int* err, _kel_progress_ext_t* prog
     const int container_code = *err;
 
     if (clip == nullptr) {
-        if (present(fallback_)) {
-            *err = fallback_.detect(path);
-            if (*err == 0)
-                clip = fallback_.open(path, err, progress);
-        } else {
-            *err = fourcc("Efmu");
-        }
+        *err = fallback_.detect(path);
+        if (*err == 0)
+            clip = fallback_.open(path, err, progress);
         // "Unsupported format" from a container wins over the MP3 verdict.
         if (*err != 0 && container_code == fourcc("Efms"))
             *err = fourcc("Efms");
@@ -119,8 +110,6 @@ int FormatDispatch::file_info(const char* path, _kel_clip_info_t* info, _kel_pro
 
     int err = 0;
     for (const ClipFormat& format : containers_) {
-        if (!present(format))
-            continue;
         err = format.detect(path);
         if (err != 0)
             continue;
@@ -132,16 +121,34 @@ int FormatDispatch::file_info(const char* path, _kel_clip_info_t* info, _kel_pro
     }
     const int container_code = err;
 
-    if (present(fallback_)) {
-        err = fallback_.detect(path);
-        if (err == 0)
-            err = fallback_.get_file_info(path, info, progress);
-    } else {
-        err = fourcc("Efmu");
-    }
+    err = fallback_.detect(path);
+    if (err == 0)
+        err = fallback_.get_file_info(path, info, progress);
     if (err != 0 && container_code == fourcc("Efms"))
         err = fourcc("Efms");
     return err;
+}
+
+Clip* FormatDispatch::create_empty(int format, int channels, float sample_rate, int bits_per_sample, int bit_rate,
+                                   int flag, int* err) const
+{
+    // The caller's error word is written only on failure.
+    int code = fourcc("Eclt");
+    Clip* clip = nullptr;
+    std::vector<const ClipFormat*> rows;
+    for (const ClipFormat& row : containers_)
+        rows.push_back(&row);
+    rows.push_back(&fallback_);
+    for (const ClipFormat* row : rows) {
+        if (row->number == format && row->create_empty != nullptr) {
+            code = 0;
+            clip = row->create_empty(channels, sample_rate, bits_per_sample, bit_rate, flag, &code);
+            break;
+        }
+    }
+    if (clip == nullptr && err != nullptr)
+        *err = code != 0 ? code : fourcc("EUnk");
+    return clip;
 }
 
 } // namespace KEL

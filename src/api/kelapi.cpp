@@ -3,19 +3,14 @@
 // caller's progress record into the internal one and forwards.
 #include "kel.h"
 
+#include "api/formatdispatch.h"
 #include "core/clip.h"
-#include "core/fourcc.h"
-#include "m4a/clipm4aac.h"
-#include "m4a/clipm4alac.h"
-#include "mp3/clipmp3.h"
 #include "overview/overview.h"
-#include "pcm/clipaiff.h"
 #include "pcm/clipcaff.h"
-#include "pcm/clipwave.h"
 
 using KEL::Clip;
+using KEL::FormatDispatch;
 using KEL::Overview;
-using KEL::fourcc;
 
 namespace {
 
@@ -64,13 +59,13 @@ kel_clip_t* kel_clip_open(const char* path, int* err, const _kel_progress_t* pro
 {
     ErrorWord e(err);
     ProgressRecord p(progress);
-    return Clip::open(path, e.get(), p.get());
+    return FormatDispatch::standard().open(path, e.get(), p.get());
 }
 
 int kel_file_info(const char* path, _kel_clip_info_t* info, const _kel_progress_t* progress)
 {
     ProgressRecord p(progress);
-    return Clip::file_info(path, info, p.get());
+    return FormatDispatch::standard().file_info(path, info, p.get());
 }
 
 void kel_clip_close(kel_clip_t* clip, const _kel_progress_t* progress)
@@ -131,36 +126,8 @@ kel_clip_t* kel_clip_create_silent(kel_clip_t* clip, int packets, int* err, cons
 kel_clip_t* kel_clip_create(int format, int channels, float sample_rate, int bits_per_sample, int bit_rate,
                             int flag, int* err)
 {
-    // The caller's error word is written only on failure.
-    int code = 0;
-    Clip* clip = nullptr;
-    switch (format) {
-    case KEL_FORMAT_AIFF:
-        clip = KEL::ClipAIFF::create_empty(channels, sample_rate, bits_per_sample, &code);
-        break;
-    case KEL_FORMAT_AAC:
-        clip = KEL::ClipM4AAC::create_empty(channels, sample_rate, bit_rate, &code);
-        break;
-    case KEL_FORMAT_MP3:
-        clip = KEL::ClipMP3::create_empty(channels, sample_rate, bit_rate, flag != 0, &code);
-        break;
-    case KEL_FORMAT_ALAC:
-        clip = KEL::ClipM4ALAC::create_empty(channels, sample_rate, bits_per_sample, &code);
-        break;
-    case KEL_FORMAT_WAVE:
-        clip = KEL::ClipWAVE::create_empty(channels, sample_rate, bits_per_sample, &code);
-        break;
-    case KEL_FORMAT_CAF:
-        clip = KEL::ClipCAFF::create_empty(channels, sample_rate, bits_per_sample, &code);
-        break;
-    default:
-        // Unknown format codes, and formats not built into this library.
-        code = fourcc("Eclt");
-        break;
-    }
-    if (clip == nullptr && err != nullptr)
-        *err = code != 0 ? code : fourcc("EUnk");
-    return clip;
+    return FormatDispatch::standard().create_empty(format, channels, sample_rate, bits_per_sample, bit_rate, flag,
+                                                   err);
 }
 
 kel_clip_t* kel_clip_create_from_buffer(float** buffers, float sample_rate, int frames, int* err,
