@@ -31,16 +31,6 @@ KEL_API int aac_gain_steps(float gain);
 // global_gain field.
 KEL_API int adjust_gain(Bitstream& bits, float gain, float sample_rate);
 
-// Advance past one code word of a tree (aactables.h form) with its sign
-// bits, one bit at a time; 0 or the reader's error. These walk the trees
-// themselves and are the reference for the table-driven skipping of the
-// gain walk.
-KEL_API int skip_huffman_code(const int (*tree)[2], Bitstream& bits);
-KEL_API int skip_scale_factor(Bitstream& bits);
-// One code word of spectrum codebook 1..11, escapes included; "Ebps" for
-// any other codebook.
-KEL_API int skip_spectral_data(unsigned char codebook, Bitstream& bits);
-
 } // namespace KEL
 
 #endif
