@@ -3,21 +3,13 @@
 #include "codec/codectypes.h"
 #include "codec/component.h"
 #include "core/bshandle.h"
+#include "core/cloned.h"
 #include "core/fourcc.h"
 
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
 #include <vector>
-
-// On x86-64 the loop that takes the codec's floats apart is built for plain
-// SSE2 and for AVX2 and the loader picks the version the processor runs; it
-// only moves and byte-swaps 32-bit words, so both give the same floats.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(KEL_NO_CLONES)
-#define KEL_COPY_LOOP __attribute__((target_clones("avx2", "default")))
-#else
-#define KEL_COPY_LOOP
-#endif
 
 namespace KEL {
 
@@ -110,7 +102,7 @@ void split_be_floats(const unsigned char* __restrict in, size_t stride, size_t s
 
 // Big-endian float frames of channels channels: channel 0 to left, channel
 // 1 (channel 0 for mono) to right, the others skipped.
-KEL_COPY_LOOP
+KEL_CLONED
 void take_be_floats(const unsigned char* in, int channels, float* left, float* right, int frames)
 {
     const size_t second = channels == 1 ? 0 : 4;
@@ -151,7 +143,7 @@ void split_be16(const unsigned char* __restrict in, size_t stride, size_t second
 
 // Big-endian 16-bit frames of channels channels: channel 0 to left, channel
 // 1 (channel 0 for mono) to right, the others skipped.
-KEL_COPY_LOOP
+KEL_CLONED
 void take_be16(const unsigned char* in, int channels, float factor, float* left, float* right, int frames)
 {
     const size_t stride = static_cast<size_t>(channels) * 2;

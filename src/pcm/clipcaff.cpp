@@ -1,6 +1,7 @@
 #include "pcm/pcmclip.h"
 #include "pcm/clipcaff.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
 #include "pcm/clipdecodercaff.h"
@@ -9,7 +10,6 @@
 #include "pcm/kernels.h"
 #include "pcm/overviewcaff.h"
 #include "pcm/packetcaff.h"
-#include "pcm/pcmbytes.h"
 #include "pcm/pcmcodec.h"
 #include "pcm/pcmloader.h"
 #include "pcm/pcmsaver.h"
@@ -26,7 +26,6 @@
 
 namespace KEL {
 
-using namespace pcmbytes;
 
 namespace {
 
