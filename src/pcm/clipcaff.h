@@ -11,11 +11,11 @@
 #ifndef KEL_PCM_CLIPCAFF_H
 #define KEL_PCM_CLIPCAFF_H
 
-#include "pcm/clipdecodercaff.h"
-#include "pcm/clipencodercaff.h"
-#include "pcm/overviewcaff.h"
-#include "pcm/packetcaff.h"
 #include "pcm/pcmclip.h"
+#include "pcm/pcmdecoder.h"
+#include "pcm/pcmencoder.h"
+#include "pcm/pcmoverview.h"
+#include "pcm/pcmpacket.h"
 
 #include <cstdio>
 

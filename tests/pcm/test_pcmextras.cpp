@@ -7,7 +7,7 @@
 #include "core/silentclip.h"
 #include "pcm/clipcaff.h"
 #include "pcm/clipwave.h"
-#include "pcm/packetcaff.h"
+#include "pcm/pcmpacket.h"
 
 #include <gtest/gtest.h>
 
