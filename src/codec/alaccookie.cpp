@@ -1,5 +1,7 @@
 #include "codec/alaccookie.h"
 
+#include "core/byteorder.h"
+
 #include <cmath>
 
 namespace KEL {
@@ -11,23 +13,9 @@ constexpr size_t kConfigOffset = 12;
 constexpr size_t kConfigBytes = ALACCookie::kAtomBytes - kConfigOffset;
 constexpr size_t kFrmaBytes = 12;
 
-uint32_t be32(const uint8_t* p)
-{
-    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-           (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
-}
-
-void put_be32(uint8_t* p, uint32_t v)
-{
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
-
 bool is_atom(const uint8_t* p, uint32_t size, int32_t type)
 {
-    return be32(p) == size && be32(p + 4) == static_cast<uint32_t>(type);
+    return get_be32(p) == size && get_be32(p + 4) == static_cast<uint32_t>(type);
 }
 
 } // namespace
@@ -65,7 +53,7 @@ bool ALACCookie::parse(const void* bytes, size_t size, ALACCookie* out)
     const uint8_t* p = static_cast<const uint8_t*>(bytes);
     const uint8_t* config = nullptr;
     if (size >= kLayoutBytes && is_atom(p, kFrmaBytes, fourcc("frma")) &&
-        be32(p + 8) == static_cast<uint32_t>(kFormatALAC) && is_atom(p + kFrmaBytes, kAtomBytes, kFormatALAC))
+        get_be32(p + 8) == static_cast<uint32_t>(kFormatALAC) && is_atom(p + kFrmaBytes, kAtomBytes, kFormatALAC))
         config = p + kFrmaBytes + kConfigOffset;
     else if (size >= kAtomBytes && is_atom(p, kAtomBytes, kFormatALAC))
         config = p + kConfigOffset;
@@ -75,7 +63,7 @@ bool ALACCookie::parse(const void* bytes, size_t size, ALACCookie* out)
         return false;
 
     ALACCookie c;
-    c.frame_length = be32(config);
+    c.frame_length = get_be32(config);
     c.compatible_version = config[4];
     c.bit_depth = config[5];
     c.history_mult = config[6];
@@ -83,9 +71,9 @@ bool ALACCookie::parse(const void* bytes, size_t size, ALACCookie* out)
     c.rice_limit = config[8];
     c.channels = config[9];
     c.max_run = static_cast<uint16_t>((config[10] << 8) | config[11]);
-    c.max_frame_bytes = be32(config + 12);
-    c.average_bit_rate = be32(config + 16);
-    c.sample_rate = be32(config + 20);
+    c.max_frame_bytes = get_be32(config + 12);
+    c.average_bit_rate = get_be32(config + 16);
+    c.sample_rate = get_be32(config + 20);
     if (!c.usable())
         return false;
     *out = c;

@@ -1,5 +1,7 @@
 #include "codec/lpcmformat.h"
 
+#include "core/cloned.h"
+
 extern "C" {
 #include <libavutil/frame.h>
 #include <libavutil/samplefmt.h>
@@ -9,15 +11,6 @@ extern "C" {
 #include <cmath>
 #include <cstring>
 #include <type_traits>
-
-// On x86-64 the float copy loops are built for plain SSE2 and for AVX2 and
-// the loader picks the version the processor runs; they only move and
-// byte-swap 32-bit words, so both give the same bytes.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(KEL_NO_CLONES)
-#define KEL_COPY_LOOP __attribute__((target_clones("avx2", "default")))
-#else
-#define KEL_COPY_LOOP
-#endif
 
 namespace KEL {
 
@@ -114,7 +107,7 @@ void split_pairs(const unsigned char* in, unsigned char* left, unsigned char* ri
 
 // Planar 32-bit floats to one channel (right null) or two interleaved
 // ones, byte-swapped when swap is set.
-KEL_COPY_LOOP
+KEL_CLONED
 void copy_float_planes(const unsigned char* left, const unsigned char* right, unsigned char* out, int frames,
                        bool swap)
 {
@@ -243,7 +236,7 @@ void planes16_to_be(const unsigned char* __restrict left, const unsigned char* _
     }
 }
 
-KEL_COPY_LOOP
+KEL_CLONED
 void copy_int16_planes(const unsigned char* left, const unsigned char* right, unsigned char* out, int frames)
 {
     const int channels = right == nullptr ? 1 : 2;
@@ -280,7 +273,7 @@ void copy_int32_planes_to_be24(const unsigned char* left, const unsigned char* r
 
 // One channel (right null) or two interleaved ones of 32-bit floats to
 // planes, byte-swapped when swap is set.
-KEL_COPY_LOOP
+KEL_CLONED
 void split_float_frames(const unsigned char* in, unsigned char* left, unsigned char* right, int frames, bool swap)
 {
     if (swap)

@@ -3,7 +3,6 @@
 #include "core/bsfile.h"
 #include "core/bshandle.h"
 #include "core/fourcc.h"
-#include "core/formatdispatch.h"
 #include "core/packet.h"
 
 #include <climits>
@@ -68,16 +67,6 @@ int Clip::fade_start_fudge_factor()
 int Clip::fade_length_fudge_factor()
 {
     return 0;
-}
-
-Clip* Clip::open(const char* path, int* err, _kel_progress_ext_t* progress)
-{
-    return FormatDispatch::standard().open(path, err, progress);
-}
-
-int Clip::file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t* progress)
-{
-    return FormatDispatch::standard().file_info(path, info, progress);
 }
 
 bool Clip::add_packet(Packet* packet)

@@ -61,10 +61,6 @@ public:
     // A new empty clip of this format and parameters on the given store.
     virtual Clip* NewClip(BSFile* file) = 0;
 
-    // ---- format dispatch ----
-    static Clip* open(const char* path, int* err, _kel_progress_ext_t* progress);
-    static int file_info(const char* path, _kel_clip_info_t* info, _kel_progress_ext_t* progress);
-
     // ---- packet array ----
     bool add_packet(Packet* packet);
     // Copies the whole array into dest (packet_count entries) and retains

@@ -8,7 +8,7 @@
 #include "core/fourcc.h"
 #include "core/packet.h"
 #include "core/progress.h"
-#include "pcm/clipcaff.h"
+#include "core/silentclip.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -156,10 +156,9 @@ Clip* Clip::create_silent(int packets_wanted, int* err, _kel_progress_ext_t* pro
         *err = fourcc("Empt");
         return nullptr;
     }
-    // Silence is made as a CAF clip of packets_wanted references to one
-    // silent packet of this clip's packet length, and transcoded into this
-    // format.
-    ClipCAFF* silent = ClipCAFF::create_silent(sample_rate, packets_wanted, frames, err);
+    // Silence of this clip's packet length, transcoded into this format by
+    // the format's own transcode.
+    SilentClip* silent = SilentClip::create(sample_rate, packets_wanted, frames, err);
     if (silent == nullptr)
         return nullptr;
     Clip* result = transcode(silent, 0, packets_wanted - 1, err, progress);

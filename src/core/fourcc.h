@@ -5,6 +5,7 @@
 #define KEL_CORE_FOURCC_H
 
 #include <cstdint>
+#include <cstring>
 
 namespace KEL {
 
@@ -17,6 +18,18 @@ constexpr int32_t fourcc(const char (&s)[5])
 }
 
 static_assert(fourcc("EPnm") == 0x45506E6D, "fourcc reads big-endian");
+
+// A chunk or form identifier in a file: four characters, compared and
+// written byte by byte.
+inline bool is_tag(const unsigned char* p, const char (&tag)[5])
+{
+    return std::memcmp(p, tag, 4) == 0;
+}
+
+inline void put_tag(unsigned char* p, const char (&tag)[5])
+{
+    std::memcpy(p, tag, 4);
+}
 
 } // namespace KEL
 

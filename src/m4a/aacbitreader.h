@@ -26,7 +26,7 @@
 #define KEL_M4A_AACBITREADER_H
 
 #include "core/fourcc.h"
-#include "mp3/bitstream.h"
+#include "coded/bitstream.h"
 
 #include <cstdint>
 #include <cstring>

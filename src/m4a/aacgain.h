@@ -11,7 +11,7 @@
 #ifndef KEL_M4A_AACGAIN_H
 #define KEL_M4A_AACGAIN_H
 
-#include "mp3/bitstream.h"
+#include "coded/bitstream.h"
 
 namespace KEL {
 
@@ -30,16 +30,6 @@ KEL_API int aac_gain_steps(float gain);
 // needed after it); on success the Bitstream is left at the last
 // global_gain field.
 KEL_API int adjust_gain(Bitstream& bits, float gain, float sample_rate);
-
-// Advance past one code word of a tree (aactables.h form) with its sign
-// bits, one bit at a time; 0 or the reader's error. These walk the trees
-// themselves and are the reference for the table-driven skipping of the
-// gain walk.
-KEL_API int skip_huffman_code(const int (*tree)[2], Bitstream& bits);
-KEL_API int skip_scale_factor(Bitstream& bits);
-// One code word of spectrum codebook 1..11, escapes included; "Ebps" for
-// any other codebook.
-KEL_API int skip_spectral_data(unsigned char codebook, Bitstream& bits);
 
 } // namespace KEL
 

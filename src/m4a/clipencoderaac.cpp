@@ -3,6 +3,7 @@
 #include "codec/codectypes.h"
 #include "codec/component.h"
 #include "core/bshandle.h"
+#include "core/byteorder.h"
 #include "m4a/packetm4aac.h"
 
 #include <cmath>
@@ -21,10 +22,7 @@ void put_be_float(unsigned char* p, float value)
 {
     uint32_t bits = 0;
     std::memcpy(&bits, &value, sizeof bits);
-    p[0] = static_cast<unsigned char>(bits >> 24);
-    p[1] = static_cast<unsigned char>(bits >> 16);
-    p[2] = static_cast<unsigned char>(bits >> 8);
-    p[3] = static_cast<unsigned char>(bits);
+    put_be32(p, bits);
 }
 
 } // namespace

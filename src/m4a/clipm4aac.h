@@ -8,7 +8,7 @@
 #ifndef KEL_M4A_CLIPM4AAC_H
 #define KEL_M4A_CLIPM4AAC_H
 
-#include "m4a/clipac.h"
+#include "coded/clipac.h"
 
 namespace KEL {
 

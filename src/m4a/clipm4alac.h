@@ -10,7 +10,7 @@
 #ifndef KEL_M4A_CLIPM4ALAC_H
 #define KEL_M4A_CLIPM4ALAC_H
 
-#include "m4a/clipac.h"
+#include "coded/clipac.h"
 
 namespace KEL {
 

@@ -1,5 +1,6 @@
 #include "m4a/m4a_parser.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "m4a/m4aatoms.h"
 
@@ -9,7 +10,6 @@
 
 namespace KEL {
 
-using m4abytes::get32;
 
 namespace {
 
@@ -17,7 +17,7 @@ namespace {
 // as a signed 32-bit number and sign-extended.
 long long signed32(const unsigned char* p)
 {
-    return static_cast<int32_t>(get32(p));
+    return static_cast<int32_t>(get_be32(p));
 }
 
 } // namespace
@@ -48,10 +48,10 @@ int M4A_Parser::get_packet_count()
 {
     if (stts == nullptr)
         return 0;
-    const uint32_t entries = get32(stts + 12);
+    const uint32_t entries = get_be32(stts + 12);
     long long total = 0;
     for (uint32_t i = 0; i < entries && total < INT_MAX; ++i)
-        total += get32(stts + 16 + 8 * static_cast<size_t>(i));
+        total += get_be32(stts + 16 + 8 * static_cast<size_t>(i));
     return total < INT_MAX ? static_cast<int>(total) : INT_MAX;
 }
 
@@ -79,13 +79,13 @@ int M4A_Parser::get_packet_info(int index, long long* offset, int* size, int* fr
 
 bool M4A_Parser::frames_of(int index, int& frames) const
 {
-    const uint32_t entries = get32(stts + 12);
+    const uint32_t entries = get_be32(stts + 12);
     uint64_t total = 0;
     for (uint32_t i = 0; i < entries; ++i) {
         const unsigned char* entry = stts + 16 + 8 * static_cast<size_t>(i);
-        total += get32(entry);
+        total += get_be32(entry);
         if (total > static_cast<uint64_t>(index)) {
-            const uint32_t duration = get32(entry + 4);
+            const uint32_t duration = get_be32(entry + 4);
             if (duration == 0xFFFFFFFFu)
                 return false;
             frames = static_cast<int>(duration);
@@ -97,14 +97,14 @@ bool M4A_Parser::frames_of(int index, int& frames) const
 
 bool M4A_Parser::size_of(int index, int& size) const
 {
-    const uint32_t constant = get32(stsz + 12);
+    const uint32_t constant = get_be32(stsz + 12);
     if (constant != 0) {
         size = static_cast<int>(constant);
         return true;
     }
-    if (static_cast<uint32_t>(index) >= get32(stsz + 16))
+    if (static_cast<uint32_t>(index) >= get_be32(stsz + 16))
         return false;
-    size = static_cast<int>(get32(stsz + 20 + 4 * static_cast<size_t>(index)));
+    size = static_cast<int>(get_be32(stsz + 20 + 4 * static_cast<size_t>(index)));
     return true;
 }
 
@@ -135,8 +135,8 @@ bool M4A_Parser::offset_of(int index, long long& offset) const
         return r;
     };
 
-    const uint32_t entries = get32(stsc + 12);
-    const long long chunks = get32(stco + 12);
+    const uint32_t entries = get_be32(stsc + 12);
+    const long long chunks = get_be32(stco + 12);
     long long first_sample = 0; // of the current run
     for (uint32_t i = 0; i < entries && ok; ++i) {
         const unsigned char* entry = stsc + 16 + 12 * static_cast<size_t>(i);
@@ -162,11 +162,11 @@ bool M4A_Parser::offset_of(int index, long long& offset) const
             return false;
 
         long long result = signed32(stco + 16 + 4 * static_cast<size_t>(chunk));
-        const uint32_t constant = get32(stsz + 12);
+        const uint32_t constant = get_be32(stsz + 12);
         if (constant != 0) {
             result = add(result, mul(position, static_cast<int32_t>(constant)));
         } else {
-            const long long samples = get32(stsz + 16);
+            const long long samples = get_be32(stsz + 16);
             // A negative position adds no sizes at all.
             for (long long s = position > 0 ? index - position : index; s < index; ++s) {
                 if (s < 0 || s >= samples)
@@ -189,9 +189,9 @@ int M4A_Parser::detect_entry(FILE* file, const char* entry_path)
     unsigned char head[12] = {};
     if (fseeko(file, 0, SEEK_SET) == 0)
         (void)std::fread(head, 1, sizeof head, file);
-    if (get32(head + 4) != static_cast<uint32_t>(fourcc("ftyp")))
+    if (get_be32(head + 4) != static_cast<uint32_t>(fourcc("ftyp")))
         return fourcc("Efmu");
-    const uint32_t brand = get32(head + 8);
+    const uint32_t brand = get_be32(head + 8);
     if (brand != static_cast<uint32_t>(fourcc("M4A ")) && brand != static_cast<uint32_t>(fourcc("M4B ")) &&
         brand != static_cast<uint32_t>(fourcc("mp42")))
         return fourcc("Efmu");

@@ -1,5 +1,6 @@
 #include "m4a/m4a_parseraac.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "m4a/m4aatoms.h"
 
@@ -10,8 +11,6 @@
 
 namespace KEL {
 
-using m4abytes::get16;
-using m4abytes::get32;
 
 namespace {
 
@@ -151,14 +150,14 @@ int M4A_ParserAAC::parse(FILE* file)
     unsigned char entry[kEntryHeader];
     if (const int err = read_at(file, at, entry, sizeof entry))
         return err;
-    channels = get16(entry + 24);
-    sample_rate = static_cast<float>(get16(entry + 32)) + static_cast<float>(get16(entry + 34)) * 1.5258789e-5f;
+    channels = get_be16(entry + 24);
+    sample_rate = static_cast<float>(get_be16(entry + 32)) + static_cast<float>(get_be16(entry + 34)) * 1.5258789e-5f;
     bit_rate = 0;
     bits_per_sample = 0;
 
     // The rest of the entry holds "esds". Its reading never fails the
     // parse: whatever cannot be read keeps the values of the entry.
-    const long long rest_length = static_cast<long long>(get32(entry)) - kEntryHeader;
+    const long long rest_length = static_cast<long long>(get_be32(entry)) - kEntryHeader;
     if (rest_length > 12) {
         const long long here = ftello(file);
         long long end = -1;
@@ -194,8 +193,8 @@ void M4A_ParserAAC::read_esds(const unsigned char* rest, long long length)
     const long long config = last_size_byte(rest, length, p);
     // Object type, stream type and the 24-bit buffer size precede the
     // maximum and average bit rates.
-    const int max_rate = length > config + 10 ? static_cast<int32_t>(get32(rest + config + 6)) : 0;
-    const int avg_rate = length > config + 14 ? static_cast<int32_t>(get32(rest + config + 10)) : 0;
+    const int max_rate = length > config + 10 ? static_cast<int32_t>(get_be32(rest + config + 6)) : 0;
+    const int avg_rate = length > config + 14 ? static_cast<int32_t>(get_be32(rest + config + 10)) : 0;
     if (length > config + 1) {
         const unsigned char indication = rest[config + 1];
         plain_aac = std::find(kAacIndications.begin(), kAacIndications.end(), indication) != kAacIndications.end();
@@ -215,7 +214,7 @@ void M4A_ParserAAC::read_esds(const unsigned char* rest, long long length)
     if (length > p + 3) {
         // AudioSpecificConfig: object type (5 bits), sampling frequency
         // index (4), channel configuration (4).
-        const unsigned word = get16(rest + p + 1);
+        const unsigned word = get_be16(rest + p + 1);
         frequency_index = static_cast<int>((word >> 7) & 0xF);
         channel_config = static_cast<int>((word >> 3) & 0xF);
     }

@@ -1,5 +1,6 @@
 #include "m4a/m4a_parseralac.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "m4a/m4aatoms.h"
 
@@ -7,8 +8,6 @@
 
 namespace KEL {
 
-using m4abytes::get16;
-using m4abytes::get32;
 
 namespace {
 
@@ -35,18 +34,18 @@ int M4A_ParserALAC::parse(FILE* file)
     unsigned char entry[kEntryHeader];
     if (const int err = read_at(file, at, entry, sizeof entry))
         return err;
-    if (get16(entry + 16) != 0)
+    if (get_be16(entry + 16) != 0)
         return fourcc("Efms");
     unsigned char config[kConfigAtom];
     if (const int err = read_next(file, config, sizeof config))
         return err;
 
     channels = config[21];
-    sample_rate = static_cast<float>(get32(config + 32));
+    sample_rate = static_cast<float>(get_be32(config + 32));
     bit_rate = 0;
     // Compatible version (offset 16) and bit depth (17) read as one 16-bit
     // number: the bit depth while the compatible version is 0.
-    bits_per_sample = get16(config + 16);
+    bits_per_sample = get_be16(config + 16);
 
     if (!load_tables(file, track))
         return fourcc("Ealc");

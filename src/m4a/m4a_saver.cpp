@@ -1,6 +1,7 @@
 #include "m4a/m4a_saver.h"
 
 #include "core/bshandle.h"
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
 #include "core/progress.h"
@@ -16,9 +17,6 @@
 
 namespace KEL {
 
-using m4abytes::get32;
-using m4abytes::put16;
-using m4abytes::put32;
 
 namespace {
 
@@ -50,16 +48,16 @@ unsigned char* new_atom(long long size, const char (&type)[5])
         return nullptr;
     auto* block = static_cast<unsigned char*>(std::calloc(static_cast<size_t>(size), 1));
     if (block != nullptr) {
-        put32(block, static_cast<uint32_t>(size));
-        put32(block + 4, static_cast<uint32_t>(fourcc(type)));
+        put_be32(block, static_cast<uint32_t>(size));
+        put_be32(block + 4, static_cast<uint32_t>(fourcc(type)));
     }
     return block;
 }
 
 void put_type(unsigned char* at, uint32_t size, const char (&type)[5])
 {
-    put32(at, size);
-    put32(at + 4, static_cast<uint32_t>(fourcc(type)));
+    put_be32(at, size);
+    put_be32(at + 4, static_cast<uint32_t>(fourcc(type)));
 }
 
 } // namespace
@@ -84,9 +82,9 @@ unsigned char* M4A_Saver::create_stsz(Packet** packets, int count)
     stsz = new_atom(20 + 4LL * count, "stsz");
     if (stsz == nullptr)
         return nullptr;
-    put32(stsz + 16, static_cast<uint32_t>(count));
+    put_be32(stsz + 16, static_cast<uint32_t>(count));
     for (int i = 0; i < count; ++i)
-        put32(stsz + 20 + 4 * static_cast<size_t>(i), static_cast<uint32_t>(stored_length(packets[i])));
+        put_be32(stsz + 20 + 4 * static_cast<size_t>(i), static_cast<uint32_t>(stored_length(packets[i])));
     return stsz;
 }
 
@@ -104,21 +102,21 @@ unsigned char* M4A_Saver::create_stts(Packet** packets, int count)
         return nullptr;
     uint32_t entries = 1;
     unsigned char* entry = stts + 16;
-    put32(entry, 1);
-    put32(entry + 4, count > 0 ? frames_of(packets[0]) : 0);
+    put_be32(entry, 1);
+    put_be32(entry + 4, count > 0 ? frames_of(packets[0]) : 0);
     for (int i = 1; i < count; ++i) {
         const uint32_t frames = frames_of(packets[i]);
-        if (frames == get32(entry + 4)) {
-            put32(entry, get32(entry) + 1);
+        if (frames == get_be32(entry + 4)) {
+            put_be32(entry, get_be32(entry) + 1);
         } else {
             entry += 8;
             ++entries;
-            put32(entry, 1);
-            put32(entry + 4, frames);
+            put_be32(entry, 1);
+            put_be32(entry + 4, frames);
         }
     }
-    put32(stts, 16 + 8 * entries);
-    put32(stts + 12, entries);
+    put_be32(stts, 16 + 8 * entries);
+    put_be32(stts + 12, entries);
     return stts;
 }
 
@@ -128,7 +126,7 @@ unsigned char* M4A_Saver::create_stco(int* samples_per_chunk, int* last_chunk, i
     stco = nullptr;
     if (stsz == nullptr)
         return nullptr;
-    const uint32_t count = get32(stsz + 16);
+    const uint32_t count = get_be32(stsz + 16);
     const uint32_t per_chunk = kChunkPackets;
     uint32_t chunks = 1;
     uint32_t spc = count;
@@ -150,13 +148,13 @@ unsigned char* M4A_Saver::create_stco(int* samples_per_chunk, int* last_chunk, i
     stco = new_atom(16 + 4LL * chunks, "stco");
     if (stco == nullptr)
         return nullptr;
-    put32(stco + 12, chunks);
+    put_be32(stco + 12, chunks);
     // Entry c is the byte count of the packets of chunks 0..c-1.
     uint32_t running = 0;
     for (uint32_t c = 1; c < chunks; ++c) {
         for (uint32_t i = (c - 1) * per_chunk; i < c * per_chunk; ++i)
-            running += get32(stsz + 20 + 4 * static_cast<size_t>(i));
-        put32(stco + 16 + 4 * static_cast<size_t>(c), running);
+            running += get_be32(stsz + 20 + 4 * static_cast<size_t>(i));
+        put_be32(stco + 16 + 4 * static_cast<size_t>(c), running);
     }
     return stco;
 }
@@ -168,14 +166,14 @@ unsigned char* M4A_Saver::create_stsc(int samples_per_chunk, int last_chunk, int
     if (stsc == nullptr)
         return nullptr;
     // Entries: first chunk, samples per chunk, sample description index.
-    put32(stsc + 12, last_chunk != 0 ? 2 : 1);
-    put32(stsc + 16, 1);
-    put32(stsc + 20, static_cast<uint32_t>(samples_per_chunk));
-    put32(stsc + 24, 1);
+    put_be32(stsc + 12, last_chunk != 0 ? 2 : 1);
+    put_be32(stsc + 16, 1);
+    put_be32(stsc + 20, static_cast<uint32_t>(samples_per_chunk));
+    put_be32(stsc + 24, 1);
     if (last_chunk != 0) {
-        put32(stsc + 28, static_cast<uint32_t>(last_chunk));
-        put32(stsc + 32, static_cast<uint32_t>(last_chunk_samples));
-        put32(stsc + 36, 1);
+        put_be32(stsc + 28, static_cast<uint32_t>(last_chunk));
+        put_be32(stsc + 32, static_cast<uint32_t>(last_chunk_samples));
+        put_be32(stsc + 36, 1);
     }
     return stsc;
 }
@@ -208,23 +206,23 @@ int M4A_Saver::build(Packet** packets, int count, int template_size)
 int M4A_Saver::totals(long long& frames, long long& bytes) const
 {
     frames = 0;
-    const uint32_t entries = get32(stts + 12);
+    const uint32_t entries = get_be32(stts + 12);
     for (uint32_t i = 0; i < entries; ++i) {
         const unsigned char* entry = stts + 16 + 8 * static_cast<size_t>(i);
-        frames += static_cast<long long>(get32(entry)) * get32(entry + 4);
+        frames += static_cast<long long>(get_be32(entry)) * get_be32(entry + 4);
         if (frames > INT_MAX)
             return fourcc("Esmp");
     }
     bytes = 0;
-    const uint32_t count = get32(stsz + 16);
+    const uint32_t count = get_be32(stsz + 16);
     for (uint32_t i = 0; i < count; ++i)
-        bytes += get32(stsz + 20 + 4 * static_cast<size_t>(i));
+        bytes += get_be32(stsz + 20 + 4 * static_cast<size_t>(i));
     return 0;
 }
 
 uint32_t M4A_Saver::tables_size() const
 {
-    return get32(stts) + get32(stsc) + get32(stsz) + get32(stco);
+    return get_be32(stts) + get_be32(stsc) + get_be32(stsz) + get_be32(stco);
 }
 
 void M4A_Saver::fill_template(int template_size, uint32_t moov_size, uint32_t time, uint32_t rate, uint32_t frames,
@@ -243,58 +241,58 @@ void M4A_Saver::fill_template(int template_size, uint32_t moov_size, uint32_t ti
 
     put_type(t + 0, moov_size, "moov");
     put_type(t + 8, 108, "mvhd");
-    put32(t + 20, time); // creation
-    put32(t + 24, time); // modification
-    put32(t + 28, rate); // time scale
-    put32(t + 32, frames);
-    put32(t + 36, 0x00010000); // rate 1.0
-    put16(t + 40, 0x0100);     // volume 1.0
+    put_be32(t + 20, time); // creation
+    put_be32(t + 24, time); // modification
+    put_be32(t + 28, rate); // time scale
+    put_be32(t + 32, frames);
+    put_be32(t + 36, 0x00010000); // rate 1.0
+    put_be16(t + 40, 0x0100);     // volume 1.0
     for (size_t i = 0; i < kMatrix.size(); ++i)
-        put32(t + 52 + 4 * i, kMatrix[i]);
-    put32(t + 112, next_track_id);
+        put_be32(t + 52 + 4 * i, kMatrix[i]);
+    put_be32(t + 112, next_track_id);
 
     put_type(t + 116, z - 116 + s, "trak");
     put_type(t + 124, 92, "tkhd");
-    put32(t + 132, 7); // enabled, in movie, in preview
-    put32(t + 136, time);
-    put32(t + 140, time);
-    put32(t + 144, 1); // track id
-    put32(t + 152, frames);
-    put16(t + 168, 0x0100);
+    put_be32(t + 132, 7); // enabled, in movie, in preview
+    put_be32(t + 136, time);
+    put_be32(t + 140, time);
+    put_be32(t + 144, 1); // track id
+    put_be32(t + 152, frames);
+    put_be16(t + 168, 0x0100);
     for (size_t i = 0; i < kMatrix.size(); ++i)
-        put32(t + 172 + 4 * i, kMatrix[i]);
+        put_be32(t + 172 + 4 * i, kMatrix[i]);
     put_type(t + 216, 28, "tref");
     put_type(t + 224, 20, "chap");
 
     put_type(t + 244, z - 244 + s, "mdia");
     put_type(t + 252, 32, "mdhd");
-    put32(t + 264, time);
-    put32(t + 268, time);
-    put32(t + 272, rate);
-    put32(t + 276, frames);
+    put_be32(t + 264, time);
+    put_be32(t + 268, time);
+    put_be32(t + 272, rate);
+    put_be32(t + 276, frames);
     put_type(t + 284, 36, "hdlr");
-    put32(t + 300, static_cast<uint32_t>(fourcc("soun")));
+    put_be32(t + 300, static_cast<uint32_t>(fourcc("soun")));
 
     put_type(t + 320, z - 320 + s, "minf");
     put_type(t + 328, 16, "smhd");
     put_type(t + 344, 36, "dinf");
     put_type(t + 352, 28, "dref");
-    put32(t + 364, 1); // entry count
+    put_be32(t + 364, 1); // entry count
     put_type(t + 368, 12, "url ");
-    put32(t + 376, 1); // media in this file
+    put_be32(t + 376, 1); // media in this file
     put_type(t + 380, z - 380 + s, "stbl");
     put_type(t + 388, z - 388, "stsd");
-    put32(t + 400, 1); // entry count
+    put_be32(t + 400, 1); // entry count
 }
 
 void M4A_Saver::shift_chunk_offsets(unsigned char* table, long long length, uint32_t by)
 {
     if (table == nullptr || length < 16)
         return;
-    const long long entries = get32(table + 12);
+    const long long entries = get_be32(table + 12);
     for (long long i = 0; i < entries && 16 + 4 * i + 4 <= length; ++i) {
         unsigned char* entry = table + 16 + 4 * i;
-        put32(entry, get32(entry) + by);
+        put_be32(entry, get_be32(entry) + by);
     }
 }
 
@@ -311,14 +309,14 @@ long long M4A_Saver::write_head(int template_size)
     // "M4A ", "mp42", "isom" and an empty one.
     unsigned char ftyp[32] = {};
     put_type(ftyp, 32, "ftyp");
-    put32(ftyp + 8, static_cast<uint32_t>(fourcc("M4A ")));
-    put32(ftyp + 16, static_cast<uint32_t>(fourcc("M4A ")));
-    put32(ftyp + 20, static_cast<uint32_t>(fourcc("mp42")));
-    put32(ftyp + 24, static_cast<uint32_t>(fourcc("isom")));
+    put_be32(ftyp + 8, static_cast<uint32_t>(fourcc("M4A ")));
+    put_be32(ftyp + 16, static_cast<uint32_t>(fourcc("M4A ")));
+    put_be32(ftyp + 20, static_cast<uint32_t>(fourcc("mp42")));
+    put_be32(ftyp + 24, static_cast<uint32_t>(fourcc("isom")));
     long long written = write_bytes(ftyp, sizeof ftyp);
     written += write_bytes(moov, template_size);
     for (const unsigned char* table : {stts, stsc, stsz, stco})
-        written += write_bytes(table, get32(table));
+        written += write_bytes(table, get_be32(table));
     return written;
 }
 

@@ -1,5 +1,6 @@
 #include "m4a/m4a_saveraac.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "core/progress.h"
 #include "m4a/m4aatoms.h"
@@ -9,9 +10,6 @@
 
 namespace KEL {
 
-using m4abytes::get32;
-using m4abytes::put16;
-using m4abytes::put32;
 
 namespace {
 
@@ -24,7 +22,7 @@ constexpr int kTrackLimit = 255;
 // Size of an atom found in a block: a size of 0 runs to the block's end.
 long long atom_size_in(const unsigned char* block, int length, int at)
 {
-    const uint32_t size = get32(block + at);
+    const uint32_t size = get_be32(block + at);
     return size == 0 ? static_cast<long long>(length - at) : static_cast<long long>(size);
 }
 
@@ -67,8 +65,8 @@ bool M4A_SaverAAC::scan_chapters(const void* block, int length, uint32_t rate, C
         // frames of this file's time scale.
         std::snprintf(path, sizeof path, "trak-%d.tkhd", found);
         if (find_atom_mem(bytes, length, reinterpret_cast<const unsigned char*>(path), &at) && at + 32 <= length) {
-            const double duration = get32(bytes + at + 28);
-            put32(bytes + at + 28, truncate_u32(duration / 10000.0 * rate));
+            const double duration = get_be32(bytes + at + 28);
+            put_be32(bytes + at + 28, truncate_u32(duration / 10000.0 * rate));
         }
     }
     // All 255 present counts as none, like a track search that never ends.
@@ -88,15 +86,15 @@ bool M4A_SaverAAC::scan_chapters(const void* block, int length, uint32_t rate, C
 void M4A_SaverAAC::fill_sample_entry(int channels, uint32_t rate, int bit_rate, uint32_t average, int frequency_index)
 {
     unsigned char* t = moov;
-    put32(t + 404, 96);
-    put32(t + 408, static_cast<uint32_t>(fourcc("mp4a")));
-    put16(t + 418, 1); // data reference index
-    put16(t + 428, static_cast<uint32_t>(channels));
-    put16(t + 430, 16); // sample size
-    put32(t + 436, rate << 16);
+    put_be32(t + 404, 96);
+    put_be32(t + 408, static_cast<uint32_t>(fourcc("mp4a")));
+    put_be16(t + 418, 1); // data reference index
+    put_be16(t + 428, static_cast<uint32_t>(channels));
+    put_be16(t + 430, 16); // sample size
+    put_be32(t + 436, rate << 16);
 
-    put32(t + 440, 51);
-    put32(t + 444, static_cast<uint32_t>(fourcc("esds")));
+    put_be32(t + 440, 51);
+    put_be32(t + 444, static_cast<uint32_t>(fourcc("esds")));
     // ES descriptor (tag 3) of 34 bytes, sizes in the four-byte form:
     // ES id 0, flags 0.
     static constexpr unsigned char kES[] = {3, 0x80, 0x80, 0x80, 0x22, 0, 0, 0};
@@ -106,21 +104,21 @@ void M4A_SaverAAC::fill_sample_entry(int channels, uint32_t rate, int bit_rate, 
     // set, buffer size 6144.
     static constexpr unsigned char kConfig[] = {4, 0x80, 0x80, 0x80, 0x14, 0x40, 0x15, 0x00, 0x18, 0x00};
     std::memcpy(t + 460, kConfig, sizeof kConfig);
-    put32(t + 470, static_cast<uint32_t>(bit_rate)); // maximum
-    put32(t + 474, average);
+    put_be32(t + 470, static_cast<uint32_t>(bit_rate)); // maximum
+    put_be32(t + 474, average);
     // Decoder specific information (tag 5) of 2 bytes: AudioSpecificConfig
     // of object type 2 (AAC LC) in 5 bits, the frequency index in 4, the
     // channel configuration in 4, then 3 zero bits.
     static constexpr unsigned char kSpecific[] = {5, 0x80, 0x80, 0x80, 0x02};
     std::memcpy(t + 478, kSpecific, sizeof kSpecific);
-    put16(t + 483, (2u << 11) | (static_cast<uint32_t>(frequency_index) << 7) |
+    put_be16(t + 483, (2u << 11) | (static_cast<uint32_t>(frequency_index) << 7) |
                        ((static_cast<uint32_t>(channels) & 0xF) << 3));
     // SL configuration (tag 6) of 1 byte: predefined 2.
     static constexpr unsigned char kSL[] = {6, 0x80, 0x80, 0x80, 0x01, 0x02};
     std::memcpy(t + 485, kSL, sizeof kSL);
     // A "free" atom of one zero byte ends the sample entry.
-    put32(t + 491, 9);
-    put32(t + 495, static_cast<uint32_t>(fourcc("free")));
+    put_be32(t + 491, 9);
+    put_be32(t + 495, static_cast<uint32_t>(fourcc("free")));
 }
 
 int M4A_SaverAAC::save(Packet** packets, int count, int channels, float sample_rate, int bit_rate,
@@ -152,7 +150,7 @@ int M4A_SaverAAC::save(Packet** packets, int count, int channels, float sample_r
     fill_template(kTemplateSize, static_cast<uint32_t>(moov_size), time, rate, static_cast<uint32_t>(frames),
                   static_cast<uint32_t>(chapters.tracks + 2));
     for (int i = 0; i < chapters.tracks && i < kMaxChapterIds; ++i)
-        put32(moov + 232 + 4 * i, static_cast<uint32_t>(2 + i));
+        put_be32(moov + 232 + 4 * i, static_cast<uint32_t>(2 + i));
     // Bits per second: the bytes over the duration in eighths of seconds.
     const double average = static_cast<double>(bytes) / ((static_cast<double>(frames) * 0.125) / sample_rate);
     fill_sample_entry(channels, rate, bit_rate, truncate_u32(average), frequency_index_of(rate));
@@ -160,7 +158,7 @@ int M4A_SaverAAC::save(Packet** packets, int count, int channels, float sample_r
     // The file is ftyp (32), moov, the mdat header (8), the chapter media,
     // then the packets: chunk offsets become absolute.
     const uint32_t media_start = static_cast<uint32_t>(moov_size + 40);
-    shift_chunk_offsets(stco, get32(stco), media_start + static_cast<uint32_t>(chapters.media_length));
+    shift_chunk_offsets(stco, get_be32(stco), media_start + static_cast<uint32_t>(chapters.media_length));
     for (int n = 0; chapters.bytes != nullptr && n < kTrackLimit; ++n) {
         char path[48];
         std::snprintf(path, sizeof path, "trak-%d.mdia.minf.stbl.stco", n);
@@ -176,8 +174,8 @@ int M4A_SaverAAC::save(Packet** packets, int count, int channels, float sample_r
     written += write_bytes(chapters.bytes, traks);
     written += write_bytes(first_block, first_length);
     unsigned char mdat[8];
-    put32(mdat, static_cast<uint32_t>(bytes + chapters.media_length + 8));
-    put32(mdat + 4, static_cast<uint32_t>(fourcc("mdat")));
+    put_be32(mdat, static_cast<uint32_t>(bytes + chapters.media_length + 8));
+    put_be32(mdat + 4, static_cast<uint32_t>(fourcc("mdat")));
     written += write_bytes(mdat, sizeof mdat);
     if (chapters.bytes != nullptr)
         written += write_bytes(chapters.bytes + chapters.media_at, chapters.media_length);

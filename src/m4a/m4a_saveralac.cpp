@@ -1,5 +1,6 @@
 #include "m4a/m4a_saveralac.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "core/progress.h"
 #include "m4a/m4aatoms.h"
@@ -8,9 +9,6 @@
 
 namespace KEL {
 
-using m4abytes::get32;
-using m4abytes::put16;
-using m4abytes::put32;
 
 int M4A_SaverALAC::save(Packet** packets, int count, int channels, float sample_rate, int bits_per_sample,
                         const void* first_block, int first_length, const void*, int, _kel_progress_ext_t* progress)
@@ -33,11 +31,11 @@ int M4A_SaverALAC::save(Packet** packets, int count, int channels, float sample_
     // reference keeps its three ids at 0.
     fill_template(kTemplateSize, static_cast<uint32_t>(moov_size), time, rate, static_cast<uint32_t>(frames), 2);
 
-    const uint32_t frame_length = get32(stts + 20); // duration of the first "stts" entry
+    const uint32_t frame_length = get_be32(stts + 20); // duration of the first "stts" entry
     uint32_t largest = 0;
     for (int i = 0; i < count; ++i)
-        if (get32(stsz + 20 + 4 * static_cast<size_t>(i)) > largest)
-            largest = get32(stsz + 20 + 4 * static_cast<size_t>(i));
+        if (get_be32(stsz + 20 + 4 * static_cast<size_t>(i)) > largest)
+            largest = get_be32(stsz + 20 + 4 * static_cast<size_t>(i));
     const double seconds = (static_cast<double>(frame_length) * count) / sample_rate;
     const uint32_t average = truncate_u32(static_cast<double>(bytes) * 8.0 / seconds);
 
@@ -48,36 +46,36 @@ int M4A_SaverALAC::save(Packet** packets, int count, int channels, float sample_
         14  // maximum Rice parameter
     };
     unsigned char* t = moov;
-    put32(t + 404, 72);
-    put32(t + 408, static_cast<uint32_t>(fourcc("alac")));
-    put16(t + 418, 1); // data reference index
-    put16(t + 428, static_cast<uint32_t>(channels));
-    put16(t + 430, static_cast<uint32_t>(bits_per_sample));
-    put32(t + 436, rate << 16);
+    put_be32(t + 404, 72);
+    put_be32(t + 408, static_cast<uint32_t>(fourcc("alac")));
+    put_be16(t + 418, 1); // data reference index
+    put_be16(t + 428, static_cast<uint32_t>(channels));
+    put_be16(t + 430, static_cast<uint32_t>(bits_per_sample));
+    put_be32(t + 436, rate << 16);
     // The codec configuration atom nested in the sample entry.
-    put32(t + 440, 36);
-    put32(t + 444, static_cast<uint32_t>(fourcc("alac")));
-    put32(t + 452, frame_length);
+    put_be32(t + 440, 36);
+    put_be32(t + 444, static_cast<uint32_t>(fourcc("alac")));
+    put_be32(t + 452, frame_length);
     t[456] = 0; // compatible version
     t[457] = static_cast<unsigned char>(bits_per_sample);
     t[458] = kTuning[0];
     t[459] = kTuning[1];
     t[460] = kTuning[2];
     t[461] = static_cast<unsigned char>(channels);
-    put16(t + 462, 255); // maximum run
-    put32(t + 464, largest);
-    put32(t + 468, average);
-    put32(t + 472, rate);
+    put_be16(t + 462, 255); // maximum run
+    put_be32(t + 464, largest);
+    put_be32(t + 468, average);
+    put_be32(t + 472, rate);
 
     // ftyp (32), moov and the mdat header (8) precede the packets.
-    shift_chunk_offsets(stco, get32(stco), static_cast<uint32_t>(moov_size + 40));
+    shift_chunk_offsets(stco, get_be32(stco), static_cast<uint32_t>(moov_size + 40));
 
     (void)report_progress(progress, 0.0f);
     long long written = write_head(kTemplateSize);
     written += write_bytes(first_block, first_length);
     unsigned char mdat[8];
-    put32(mdat, static_cast<uint32_t>(bytes + 8));
-    put32(mdat + 4, static_cast<uint32_t>(fourcc("mdat")));
+    put_be32(mdat, static_cast<uint32_t>(bytes + 8));
+    put_be32(mdat + 4, static_cast<uint32_t>(fourcc("mdat")));
     written += write_bytes(mdat, sizeof mdat);
     if (written != moov_size + 40)
         return fourcc("EIO ");

@@ -1,5 +1,7 @@
 #include "m4a/m4aatoms.h"
 
+#include "core/byteorder.h"
+
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -7,7 +9,6 @@
 
 namespace KEL {
 
-using m4abytes::get32;
 
 namespace {
 
@@ -85,7 +86,7 @@ void* load_table(FILE* file, const char* format, int track, uint32_t minimum, in
     unsigned char head[4];
     if (file_size < 0 || fseeko(file, at, SEEK_SET) != 0 || std::fread(head, 1, 4, file) != 4)
         return nullptr;
-    const uint32_t size = get32(head);
+    const uint32_t size = get_be32(head);
     if (size < minimum)
         return nullptr;
     // A size beyond the end of the file could never be read in full; it is
@@ -101,7 +102,7 @@ void* load_table(FILE* file, const char* format, int track, uint32_t minimum, in
         return nullptr;
     }
     // Computed in 64 bits so that a huge count cannot wrap round and pass.
-    const uint64_t count = get32(block + count_at);
+    const uint64_t count = get_be32(block + count_at);
     if (static_cast<uint64_t>(size) < count * width + 4) {
         std::free(block);
         return nullptr;
@@ -135,7 +136,7 @@ int find_atom(FILE* file, const unsigned char* path, long long* offset)
         if (std::fread(header, 1, 8, file) != 8)
             return 0;
         position += 8;
-        const uint32_t size = get32(header);
+        const uint32_t size = get_be32(header);
         long long header_length = 8;
         long long payload;
         if (size == 0) {
@@ -146,7 +147,7 @@ int find_atom(FILE* file, const unsigned char* path, long long* offset)
             if (std::fread(wide, 1, 8, file) != 8)
                 return 0;
             position += 8;
-            const long long size64 = static_cast<long long>((static_cast<uint64_t>(get32(wide)) << 32) | get32(wide + 4));
+            const long long size64 = static_cast<long long>((static_cast<uint64_t>(get_be32(wide)) << 32) | get_be32(wide + 4));
             if (size64 < 16)
                 return 0;
             header_length = 16;
@@ -157,7 +158,7 @@ int find_atom(FILE* file, const unsigned char* path, long long* offset)
             payload = static_cast<long long>(size) - 8;
         }
 
-        if (get32(header + 4) == component.type && ++matches == component.index) {
+        if (get_be32(header + 4) == component.type && ++matches == component.index) {
             if (*path == 0) {
                 if (offset != nullptr)
                     *offset = position - header_length;
@@ -227,7 +228,7 @@ int find_atom_mem(const unsigned char* data, int length, const unsigned char* pa
         if (range_end - position <= 8 || position + 8 > length)
             return 0;
         const unsigned char* header = data + position;
-        const uint32_t size = get32(header);
+        const uint32_t size = get_be32(header);
         const long long payload_start = position + 8;
         long long payload;
         if (size == 0)
@@ -237,7 +238,7 @@ int find_atom_mem(const unsigned char* data, int length, const unsigned char* pa
         else
             payload = static_cast<long long>(size) - 8;
 
-        if (get32(header + 4) == component.type && ++matches == component.index) {
+        if (get_be32(header + 4) == component.type && ++matches == component.index) {
             if (*path == 0) {
                 if (offset != nullptr)
                     *offset = static_cast<int>(position);

@@ -10,8 +10,8 @@
 // not consumed and starts the next component.
 //
 // The loaders return the whole atom, header included, in one malloc'd block,
-// big-endian exactly as in the file (read the fields with the m4abytes
-// helpers below). Field offsets within the blocks:
+// big-endian exactly as in the file (read the fields with the
+// core/byteorder.h helpers). Field offsets within the blocks:
 //   "stts": 12 entry count, entries from 16: sample count, duration (8 bytes)
 //   "stsc": 12 entry count, entries from 16: first chunk, samples per chunk,
 //           sample description index (12 bytes)
@@ -57,36 +57,6 @@ KEL_API void* load_stts(FILE* file, int track);
 KEL_API void* load_stsc(FILE* file, int track);
 KEL_API void* load_stsz(FILE* file, int track);
 KEL_API void* load_stco(FILE* file, int track);
-
-// Big-endian fields of atoms and tables, independent of the host order.
-namespace m4abytes {
-
-inline uint16_t get16(const unsigned char* p)
-{
-    return static_cast<uint16_t>((p[0] << 8) | p[1]);
-}
-
-inline uint32_t get32(const unsigned char* p)
-{
-    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-           (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
-}
-
-inline void put16(unsigned char* p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 8);
-    p[1] = static_cast<unsigned char>(v);
-}
-
-inline void put32(unsigned char* p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 24);
-    p[1] = static_cast<unsigned char>(v >> 16);
-    p[2] = static_cast<unsigned char>(v >> 8);
-    p[3] = static_cast<unsigned char>(v);
-}
-
-} // namespace m4abytes
 
 } // namespace KEL
 

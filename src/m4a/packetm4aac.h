@@ -5,7 +5,7 @@
 #ifndef KEL_M4A_PACKETM4AAC_H
 #define KEL_M4A_PACKETM4AAC_H
 
-#include "m4a/packetac.h"
+#include "coded/packetac.h"
 
 namespace KEL {
 

@@ -13,7 +13,7 @@
 #ifndef KEL_M4A_PACKETM4ALAC_H
 #define KEL_M4A_PACKETM4ALAC_H
 
-#include "m4a/packetac.h"
+#include "coded/packetac.h"
 
 namespace KEL {
 

@@ -11,7 +11,7 @@
 #ifndef KEL_MP3_CLIPMP3_H
 #define KEL_MP3_CLIPMP3_H
 
-#include "m4a/clipac.h"
+#include "coded/clipac.h"
 
 #include <cstdio>
 
@@ -28,7 +28,7 @@ public:
     // Writes block1 (a leading tag, e.g. ID3v2) unchanged, an information
     // frame ("Xing" for a variable bit rate, "Info" for a constant one)
     // describing the frames, every packet's frame with its gain applied in
-    // the bitstream, then block2 (a trailing tag). See clipmp3save.cpp.
+    // the bitstream, then block2 (a trailing tag). See mp3saver.h.
     int save_to(const char* path, const void* block1, int block1_len, const void* block2, int block2_len,
                 int* err, _kel_progress_ext_t* progress) override;
     // 1, 2 or 3 for MPEG-1, MPEG-2 and MPEG-2.5 clips, 0 for any other type.

@@ -30,7 +30,7 @@
 #define KEL_MP3_MP3FRAMEGAIN_H
 
 #include "kel.h"
-#include "mp3/bitstream.h"
+#include "coded/bitstream.h"
 
 namespace KEL {
 

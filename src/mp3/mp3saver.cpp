@@ -1,6 +1,7 @@
 #include "mp3/mp3saver.h"
 
 #include "core/bshandle.h"
+#include "core/byteorder.h"
 #include "core/clip.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
@@ -40,14 +41,6 @@ static constexpr std::array<unsigned char, 4> kModeBytes = {
     0x44, // joint stereo
     0x84, // dual channel
 };
-
-void put_be32(unsigned char* at, uint32_t v)
-{
-    at[0] = static_cast<unsigned char>(v >> 24);
-    at[1] = static_cast<unsigned char>(v >> 16);
-    at[2] = static_cast<unsigned char>(v >> 8);
-    at[3] = static_cast<unsigned char>(v);
-}
 
 int packet_size(const Packet* p)
 {

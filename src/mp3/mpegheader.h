@@ -21,6 +21,7 @@
 #ifndef KEL_MP3_MPEGHEADER_H
 #define KEL_MP3_MPEGHEADER_H
 
+#include "core/byteorder.h"
 #include "kel.h"
 
 #include <cstdint>
@@ -52,8 +53,7 @@ KEL_API bool decode_header(unsigned int header, mpeg_frame_t* frame);
 // The four header bytes as the big-endian word decode_header takes.
 inline unsigned int mpeg_header_word(const unsigned char* b)
 {
-    return (static_cast<unsigned int>(b[0]) << 24) | (static_cast<unsigned int>(b[1]) << 16) |
-           (static_cast<unsigned int>(b[2]) << 8) | static_cast<unsigned int>(b[3]);
+    return get_be32(b);
 }
 
 // True when the top 11 bits of the word are the frame sync.

@@ -1,8 +1,8 @@
 #include "mp3/packetmp3.h"
 
 #include "core/bshandle.h"
+#include "coded/bitstream.h"
 #include "core/bshandlefile.h"
-#include "mp3/bitstream.h"
 #include "mp3/mp3framegain.h"
 
 #include <algorithm>

@@ -8,7 +8,7 @@
 #ifndef KEL_MP3_PACKETMP3_H
 #define KEL_MP3_PACKETMP3_H
 
-#include "m4a/packetac.h"
+#include "coded/packetac.h"
 
 namespace KEL {
 

@@ -1,14 +1,10 @@
 #include "pcm/pcmclip.h"
 #include "pcm/clipaiff.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
-#include "pcm/clipdecoderaiff.h"
-#include "pcm/clipencoderaiff.h"
 #include "pcm/ieeeextended.h"
-#include "pcm/overviewaiff.h"
-#include "pcm/packetaiff.h"
-#include "pcm/pcmbytes.h"
 #include "pcm/pcmcodec.h"
 #include "pcm/pcmloader.h"
 #include "pcm/pcmsaver.h"
@@ -19,7 +15,6 @@
 
 namespace KEL {
 
-using namespace pcmbytes;
 
 namespace {
 

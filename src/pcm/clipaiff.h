@@ -5,11 +5,11 @@
 #ifndef KEL_PCM_CLIPAIFF_H
 #define KEL_PCM_CLIPAIFF_H
 
-#include "pcm/clipdecoderaiff.h"
-#include "pcm/clipencoderaiff.h"
-#include "pcm/overviewaiff.h"
-#include "pcm/packetaiff.h"
 #include "pcm/pcmclip.h"
+#include "pcm/pcmdecoder.h"
+#include "pcm/pcmencoder.h"
+#include "pcm/pcmoverview.h"
+#include "pcm/pcmpacket.h"
 
 #include <cstdio>
 

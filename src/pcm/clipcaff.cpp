@@ -1,15 +1,11 @@
 #include "pcm/pcmclip.h"
 #include "pcm/clipcaff.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
-#include "pcm/clipdecodercaff.h"
-#include "pcm/clipencodercaff.h"
 #include "pcm/ieeeextended.h"
 #include "pcm/kernels.h"
-#include "pcm/overviewcaff.h"
-#include "pcm/packetcaff.h"
-#include "pcm/pcmbytes.h"
 #include "pcm/pcmcodec.h"
 #include "pcm/pcmloader.h"
 #include "pcm/pcmsaver.h"
@@ -26,7 +22,6 @@
 
 namespace KEL {
 
-using namespace pcmbytes;
 
 namespace {
 
@@ -321,73 +316,6 @@ ClipCAFF* ClipCAFF::create_from_buffer(float** buffers, float sampleRate, int fr
     ClipCAFF* clip = open(path.c_str(), err, progress);
     // The store holds the file open: its name is no longer needed.
     unlink(path.c_str());
-    return clip;
-}
-
-ClipCAFF* ClipCAFF::create_silent(float sampleRate, int count, int frames, int* err)
-{
-    *err = 0;
-    if (count < 1) {
-        *err = fourcc("EPnm");
-        return nullptr;
-    }
-    // One packet holds all the frames, and a packet's bytes are an int.
-    if (frames < 1 || frames > INT_MAX / 2) {
-        *err = fourcc("Eprm");
-        return nullptr;
-    }
-    const long long bytes = static_cast<long long>(frames) * 2;
-    auto* zeros = static_cast<unsigned char*>(std::calloc(static_cast<size_t>(bytes), 1));
-    if (zeros == nullptr) {
-        *err = fourcc("EUnk");
-        return nullptr;
-    }
-    std::string path;
-    FILE* out = create_scratch_file(path);
-    if (out == nullptr) {
-        std::free(zeros);
-        *err = fourcc("Efow");
-        return nullptr;
-    }
-    *err = write_scratch_file(out, path, zeros, bytes, sampleRate, 1);
-    std::free(zeros);
-    if (*err != 0)
-        return nullptr;
-
-    FILE* in = std::fopen(path.c_str(), "r");
-    if (in == nullptr) {
-        unlink(path.c_str());
-        *err = fourcc("Efor");
-        return nullptr;
-    }
-    int channels = 0;
-    int bits = 0;
-    float rate = 0.0f;
-    bool little = false;
-    long long length = 0;
-    long long offset = 0;
-    *err = scan(in, &channels, &bits, &rate, &little, &length, &offset);
-    std::fclose(in);
-    if (*err != 0) {
-        unlink(path.c_str());
-        return nullptr;
-    }
-    // The silence is cut as one packet of all its frames, whatever the raw
-    // packet size setting says.
-    auto* clip = new ClipCAFF(channels, rate, bits, frames, nullptr);
-    *err = clip->cut_packets(path.c_str(), nullptr, channels, bits, rate, little, length, offset);
-    unlink(path.c_str());
-    Packet* silence = clip->get_packet(0);
-    if (*err != 0 || silence == nullptr) {
-        if (*err == 0)
-            *err = fourcc("Empt");
-        clip->close(nullptr);
-        delete clip;
-        return nullptr;
-    }
-    for (int i = 1; i < count; ++i)
-        clip->add_packet(silence);
-    clip->update_stream_info();
     return clip;
 }
 

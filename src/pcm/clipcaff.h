@@ -11,11 +11,11 @@
 #ifndef KEL_PCM_CLIPCAFF_H
 #define KEL_PCM_CLIPCAFF_H
 
-#include "pcm/clipdecodercaff.h"
-#include "pcm/clipencodercaff.h"
-#include "pcm/overviewcaff.h"
-#include "pcm/packetcaff.h"
 #include "pcm/pcmclip.h"
+#include "pcm/pcmdecoder.h"
+#include "pcm/pcmencoder.h"
+#include "pcm/pcmoverview.h"
+#include "pcm/pcmpacket.h"
 
 #include <cstdio>
 
@@ -31,10 +31,6 @@ public:
     // secondBlock is not used by CAF.
     int save_to(const char* path, const void* extra, int extraLength, const void* secondBlock,
                 int secondLength, int* err, _kel_progress_ext_t* progress) override;
-
-    // The silent clip of the base (any format) stays reachable next to the
-    // static CAF silence below.
-    using Clip::create_silent;
 
     // 0 when path starts as a CAF file; "Efmu" when not, "Efor" when it
     // cannot be read.
@@ -61,10 +57,6 @@ public:
     // "EIO " when the temporary file cannot be written, else open's codes.
     static ClipCAFF* create_from_buffer(float** buffers, float sampleRate, int frames, int* err,
                                         _kel_progress_ext_t* progress);
-    // A mono 16-bit clip of count packets that are all the same packet of
-    // frames silent frames. "EPnm" for count below 1, "Eprm" for a frame
-    // count that no packet can hold.
-    static ClipCAFF* create_silent(float sampleRate, int count, int frames, int* err);
 
 protected:
     // CAF clips encode 16-bit samples only.

@@ -1,13 +1,9 @@
 #include "pcm/pcmclip.h"
 #include "pcm/clipwave.h"
 
+#include "core/byteorder.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
-#include "pcm/clipdecoderwave.h"
-#include "pcm/clipencoderwave.h"
-#include "pcm/overviewwave.h"
-#include "pcm/packetwave.h"
-#include "pcm/pcmbytes.h"
 #include "pcm/pcmcodec.h"
 #include "pcm/pcmloader.h"
 #include "pcm/pcmsaver.h"
@@ -16,7 +12,6 @@
 
 namespace KEL {
 
-using namespace pcmbytes;
 
 namespace {
 

@@ -4,11 +4,11 @@
 #ifndef KEL_PCM_CLIPWAVE_H
 #define KEL_PCM_CLIPWAVE_H
 
-#include "pcm/clipdecoderwave.h"
-#include "pcm/clipencoderwave.h"
-#include "pcm/overviewwave.h"
-#include "pcm/packetwave.h"
 #include "pcm/pcmclip.h"
+#include "pcm/pcmdecoder.h"
+#include "pcm/pcmencoder.h"
+#include "pcm/pcmoverview.h"
+#include "pcm/pcmpacket.h"
 
 #include <cstdio>
 

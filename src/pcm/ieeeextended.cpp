@@ -1,13 +1,13 @@
 #include "pcm/ieeeextended.h"
 
-#include "pcm/pcmbytes.h"
+#include "core/byteorder.h"
+
 
 #include <cstdint>
 #include <cstring>
 
 namespace KEL {
 
-using namespace pcmbytes;
 
 namespace {
 

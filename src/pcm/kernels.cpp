@@ -21,19 +21,11 @@
 //    the arithmetic in separate vectorised loops.
 #include "pcm/kernels.h"
 
+#include "core/cloned.h"
+
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
-
-// On x86-64 every entry point is built twice, for plain SSE2 and for AVX2,
-// and the loader picks the version the processor runs: the vector loops then
-// take eight floats at a time where they can. The arithmetic is the same in
-// both, lane by lane, so the results are identical.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(KEL_NO_CLONES)
-#define KEL_KERNEL __attribute__((target_clones("avx2", "default")))
-#else
-#define KEL_KERNEL
-#endif
 
 namespace KEL {
 
@@ -494,7 +486,7 @@ inline void swap24_run(unsigned char* __restrict bytes, int n) {
 
 // ---- Entry points ----------------------------------------------------------
 
-KEL_KERNEL void convert_ne_nifloat_to_ne_ii16(float** src, unsigned char* dst, int frames, int channels) {
+KEL_CLONED void convert_ne_nifloat_to_ne_ii16(float** src, unsigned char* dst, int frames, int channels) {
     if (frames <= 0 || channels <= 0) return;
     const float* left = src[0];
     if (channels == 1) {
@@ -509,72 +501,72 @@ KEL_KERNEL void convert_ne_nifloat_to_ne_ii16(float** src, unsigned char* dst, i
     }
 }
 
-KEL_KERNEL void convert_ne_nifloat_to_ne_ii24(float** src, unsigned char* dst, int frames, int channels) {
+KEL_CLONED void convert_ne_nifloat_to_ne_ii24(float** src, unsigned char* dst, int frames, int channels) {
     nifloat_to_ii24<Order::big>(src, dst, frames, channels);
 }
 
-KEL_KERNEL void convert_ne_nifloat_to_le_ii24(float** src, unsigned char* dst, int frames, int channels) {
+KEL_CLONED void convert_ne_nifloat_to_le_ii24(float** src, unsigned char* dst, int frames, int channels) {
     nifloat_to_ii24<Order::little>(src, dst, frames, channels);
 }
 
-KEL_KERNEL void convert_be_ii16_to_ne_nifloat(unsigned char* src, float** dst, int frames, int channels) {
+KEL_CLONED void convert_be_ii16_to_ne_nifloat(unsigned char* src, float** dst, int frames, int channels) {
     ii16_to_nifloat<Order::big>(src, dst, frames, channels);
 }
 
-KEL_KERNEL void convert_le_ii16_to_ne_nifloat(unsigned char* src, float** dst, int frames, int channels) {
+KEL_CLONED void convert_le_ii16_to_ne_nifloat(unsigned char* src, float** dst, int frames, int channels) {
     ii16_to_nifloat<Order::little>(src, dst, frames, channels);
 }
 
-KEL_KERNEL void convert_be_ii24_to_ne_nifloat(unsigned char* src, float** dst, int frames, int channels) {
+KEL_CLONED void convert_be_ii24_to_ne_nifloat(unsigned char* src, float** dst, int frames, int channels) {
     ii24_to_nifloat<Order::big>(src, dst, frames, channels);
 }
 
-KEL_KERNEL void convert_le_ii24_to_ne_nifloat(unsigned char* src, float** dst, int frames, int channels) {
+KEL_CLONED void convert_le_ii24_to_ne_nifloat(unsigned char* src, float** dst, int frames, int channels) {
     ii24_to_nifloat<Order::little>(src, dst, frames, channels);
 }
 
-KEL_KERNEL void apply_gain16_be(unsigned char* bytes, int byteCount, float gain) {
+KEL_CLONED void apply_gain16_be(unsigned char* bytes, int byteCount, float gain) {
     apply_gain16<Order::big>(bytes, byteCount, gain);
 }
 
-KEL_KERNEL void apply_gain16_le(unsigned char* bytes, int byteCount, float gain) {
+KEL_CLONED void apply_gain16_le(unsigned char* bytes, int byteCount, float gain) {
     apply_gain16<Order::little>(bytes, byteCount, gain);
 }
 
-KEL_KERNEL void apply_gain24_be(unsigned char* bytes, int byteCount, float gain) {
+KEL_CLONED void apply_gain24_be(unsigned char* bytes, int byteCount, float gain) {
     apply_gain24<Order::big>(bytes, byteCount, gain);
 }
 
-KEL_KERNEL void apply_gain24_le(unsigned char* bytes, int byteCount, float gain) {
+KEL_CLONED void apply_gain24_le(unsigned char* bytes, int byteCount, float gain) {
     apply_gain24<Order::little>(bytes, byteCount, gain);
 }
 
-KEL_KERNEL void apply_gain_and_envelope16_be(unsigned char* bytes, int frames, int channels, float gain,
+KEL_CLONED void apply_gain_and_envelope16_be(unsigned char* bytes, int frames, int channels, float gain,
                                   float* envelope) {
     apply_gain_and_envelope16<Order::big>(bytes, frames, channels, gain, envelope);
 }
 
-KEL_KERNEL void apply_gain_and_envelope16_le(unsigned char* bytes, int frames, int channels, float gain,
+KEL_CLONED void apply_gain_and_envelope16_le(unsigned char* bytes, int frames, int channels, float gain,
                                   float* envelope) {
     apply_gain_and_envelope16<Order::little>(bytes, frames, channels, gain, envelope);
 }
 
-KEL_KERNEL void apply_gain_and_envelope24_be(unsigned char* bytes, int frames, int channels, float gain,
+KEL_CLONED void apply_gain_and_envelope24_be(unsigned char* bytes, int frames, int channels, float gain,
                                   float* envelope) {
     apply_gain_and_envelope24<Order::big>(bytes, frames, channels, gain, envelope);
 }
 
-KEL_KERNEL void apply_gain_and_envelope24_le(unsigned char* bytes, int frames, int channels, float gain,
+KEL_CLONED void apply_gain_and_envelope24_le(unsigned char* bytes, int frames, int channels, float gain,
                                   float* envelope) {
     apply_gain_and_envelope24<Order::little>(bytes, frames, channels, gain, envelope);
 }
 
-KEL_KERNEL void swap_bytes16(unsigned char* bytes, int byteCount) {
+KEL_CLONED void swap_bytes16(unsigned char* bytes, int byteCount) {
     if (byteCount <= 0) return;
     in_blocks(byteCount / 2, [=](size_t w, auto n) { swap16_run(bytes + 2 * w, n); });
 }
 
-KEL_KERNEL void swap_bytes24(unsigned char* bytes, int byteCount) {
+KEL_CLONED void swap_bytes24(unsigned char* bytes, int byteCount) {
     if (byteCount <= 0) return;
     swap24_run(bytes, byteCount / 3);
 }

@@ -1,3 +1,4 @@
+#include "api/formatdispatch.h"
 #include "common/oracle.h"
 
 #include <cstdio>
@@ -18,7 +19,7 @@ void ClipCloser::operator()(Clip* clip) const
 
 ClipPtr open_clip(const std::string& path, int& err)
 {
-    return ClipPtr(Clip::open(path.c_str(), &err, nullptr));
+    return ClipPtr(FormatDispatch::standard().open(path.c_str(), &err, nullptr));
 }
 
 Samples decode_clip(Clip& clip, float gain)

@@ -22,7 +22,7 @@ struct ClipCloser {
 };
 using ClipPtr = std::unique_ptr<Clip, ClipCloser>;
 
-// Clip::open with the code in err.
+// FormatDispatch::standard().open with the code in err.
 ClipPtr open_clip(const std::string& path, int& err);
 
 // Two lanes of float samples, mono counting as both: the working form.

@@ -1,7 +1,7 @@
 // Format dispatch: the fixed asking order, which format opens a file, and
 // which error survives, checked with scripted stand-in formats.
 #include "core/bshandlemem.h"
-#include "core/formatdispatch.h"
+#include "api/formatdispatch.h"
 #include "core/fourcc.h"
 #include "fakeformat.h"
 
@@ -73,10 +73,24 @@ int info(const char*, _kel_clip_info_t* record, _kel_progress_ext_t*)
     return answer(script.info_err, S, 0);
 }
 
+// Makes a clip with its width in channels, or fails with the width as code
+// (0: failure without a code).
+template <int S>
+Clip* create(int channels, float, int bits, int bit_rate, int flag, int* err)
+{
+    script.calls.push_back(std::string("create ") + kNames[S] + " " + std::to_string(channels) + " " +
+                           std::to_string(bits) + " " + std::to_string(bit_rate) + " " + std::to_string(flag));
+    if (bits <= 0) {
+        *err = -bits;
+        return nullptr;
+    }
+    return new CountedClip;
+}
+
 template <int S>
 ClipFormat format(int corrupt_code)
 {
-    return ClipFormat{&detect<S>, &open<S>, &info<S>, corrupt_code};
+    return ClipFormat{&detect<S>, &open<S>, &info<S>, corrupt_code, S + 1, &create<S>};
 }
 
 struct Case {
@@ -158,12 +172,48 @@ TEST(Dispatch, AskingOrderOpeningAndSurvivingErrors)
     EXPECT_EQ(dispatch.file_info("x", nullptr, nullptr), 0);
 }
 
+TEST(Dispatch, CreateFindsTheFormatByNumber)
+{
+    FormatDispatch dispatch({format<AIFF>(0), format<WAVE>(0)}, format<MP3>(0));
+    struct {
+        int number, bits, code;
+        const char* asked; // the format whose maker runs; null for none
+    } const cases[] = {
+        {WAVE + 1, 16, 0, "WAVE"},
+        {MP3 + 1, 16, 0, "MP3"},              // the fallback row is in the table too
+        {CAF + 1, 16, fourcc("Eclt"), nullptr}, // a number no row has
+        {0, 16, fourcc("Eclt"), nullptr},
+        {AIFF + 1, -fourcc("Eprm"), fourcc("Eprm"), "AIFF"},
+        {AIFF + 1, 0, fourcc("EUnk"), "AIFF"}, // failed without saying why
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.number);
+        for (bool with_word : {true, false}) {
+            script = Script{};
+            int err = 12345;
+            Clip* clip = dispatch.create_empty(c.number, 2, 44100.0f, c.bits, 128, 1, with_word ? &err : nullptr);
+            EXPECT_EQ(clip != nullptr, c.code == 0);
+            if (with_word) {
+                EXPECT_EQ(err, c.code == 0 ? 12345 : c.code) << "the error word is written only on failure";
+            }
+            std::vector<std::string> calls;
+            if (c.asked != nullptr)
+                calls.push_back(std::string("create ") + c.asked + " 2 " + std::to_string(c.bits) + " 128 1");
+            EXPECT_EQ(script.calls, calls);
+            if (clip != nullptr) {
+                clip->close(nullptr);
+                delete clip;
+            }
+        }
+    }
+}
+
 TEST(Dispatch, TheBuiltInFormatsRefuseAnEmptyFile)
 {
     int err = 0;
-    EXPECT_EQ(Clip::open("/dev/null", &err, nullptr), nullptr);
+    EXPECT_EQ(FormatDispatch::standard().open("/dev/null", &err, nullptr), nullptr);
     EXPECT_EQ(err, fourcc("Efmu"));
-    EXPECT_EQ(Clip::file_info("/dev/null", nullptr, nullptr), fourcc("Efmu"));
+    EXPECT_EQ(FormatDispatch::standard().file_info("/dev/null", nullptr, nullptr), fourcc("Efmu"));
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "core/fourcc.h"
 #include "m4a/aacbitreader.h"
 #include "m4a/aacgain.h"
+#include "m4a/aacreference.h"
 #include "m4a/aactables.h"
 #include "m4a/packetm4aac.h"
 

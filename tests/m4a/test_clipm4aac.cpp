@@ -2,6 +2,7 @@
 // opened, decoded, gained and saved, and the results are read back with
 // ffprobe and ffmpeg's decoder. Files with clicks make the encoder switch to
 // eight short windows, whose section and spectral layout differ.
+#include "api/formatdispatch.h"
 #include "core/bshandle.h"
 #include "core/bshandlefile.h"
 #include "core/fourcc.h"
@@ -141,7 +142,7 @@ TEST(ClipM4AAC, PacketsAndDecodeMatchFFmpeg)
         _kel_clip_info_t info{};
         clip->get_info(&info);
         _kel_clip_info_t file{};
-        EXPECT_EQ(Clip::file_info(path.c_str(), &file, nullptr), 0);
+        EXPECT_EQ(FormatDispatch::standard().file_info(path.c_str(), &file, nullptr), 0);
         const float seconds = static_cast<float>(frames) / static_cast<float>(f.rate);
         for (const _kel_clip_info_t& i : {info, file}) {
             EXPECT_EQ(i.format, KEL_FORMAT_AAC);
@@ -384,7 +385,7 @@ TEST(ClipM4AAC, DamagedFilesNeverCrash)
             EXPECT_NE(err, 0) << "cut at " << cut;
         }
         _kel_clip_info_t info{};
-        Clip::file_info(bad.c_str(), &info, nullptr);
+        FormatDispatch::standard().file_info(bad.c_str(), &info, nullptr);
     }
 
     const std::vector<ProbePacket> packets = probe_packets(good);

@@ -4,7 +4,7 @@
 #include "mp3fixtures.h"
 
 #include "core/fourcc.h"
-#include "mp3/bitstream.h"
+#include "coded/bitstream.h"
 #include "mp3/mpegheader.h"
 
 #include <gtest/gtest.h>

@@ -7,7 +7,7 @@
 #include "core/fourcc.h"
 #include "mp3/mp3framegain.h"
 
-#include "m4a/packetac.h"
+#include "coded/packetac.h"
 
 #include <gtest/gtest.h>
 

@@ -4,9 +4,7 @@
 #include "pcm/clipaiff.h"
 #include "pcm/clipcaff.h"
 #include "pcm/clipwave.h"
-#include "pcm/packetaiff.h"
-#include "pcm/packetcaff.h"
-#include "pcm/packetwave.h"
+#include "pcm/pcmpacket.h"
 
 #include <algorithm>
 #include <cmath>

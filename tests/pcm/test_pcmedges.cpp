@@ -4,6 +4,7 @@
 // files (every truncation, seeded random bytes).
 #include "pcmformats.h"
 
+#include "api/formatdispatch.h"
 #include "core/fourcc.h"
 
 #include <gtest/gtest.h>
@@ -89,11 +90,11 @@ TEST_P(PcmEdgeTest, EachHeaderFaultHasItsCode)
         EXPECT_EQ(err, f.code == fourcc("Eeof") ? efmu : f.code);
         // The file information reads the headers alone, and a detected
         // format's answer is final.
-        EXPECT_EQ(Clip::file_info(file.c_str(), nullptr, nullptr), f.in_headers ? f.code : 0);
+        EXPECT_EQ(FormatDispatch::standard().file_info(file.c_str(), nullptr, nullptr), f.in_headers ? f.code : 0);
     }
     EXPECT_EQ(fmt().detect(put("short", Bytes(fmt().canonical.begin(), fmt().canonical.begin() + 7)).c_str()), efmu);
     EXPECT_EQ(fmt().detect(path("missing").c_str()), fourcc("Efor"));
-    EXPECT_EQ(Clip::file_info(path("missing").c_str(), nullptr, nullptr), fourcc("Efor"));
+    EXPECT_EQ(FormatDispatch::standard().file_info(path("missing").c_str(), nullptr, nullptr), fourcc("Efor"));
     EXPECT_EQ(fmt().detect(put("ok", fmt().canonical).c_str()), 0);
 }
 

@@ -1,12 +1,13 @@
 // What only one PCM format does: CAF as the engine's scratch format (clips
-// from float buffers, silent clips, its header writer) and the AIFF sound
-// data cut behind an "SSND" offset.
+// from float buffers, its header writer), the AIFF sound data cut behind an
+// "SSND" offset; and silence in the format of any clip.
 #include "pcmformats.h"
 
 #include "core/fourcc.h"
+#include "core/silentclip.h"
 #include "pcm/clipcaff.h"
 #include "pcm/clipwave.h"
-#include "pcm/packetcaff.h"
+#include "pcm/pcmpacket.h"
 
 #include <gtest/gtest.h>
 
@@ -66,17 +67,12 @@ TEST(CafScratch, ClipsFromFloatBuffersHoldTheSixteenBitSamples)
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST(CafScratch, SilentClipsReferToOneSilentPacket)
+TEST(Silence, SilentClipsReferToOneSilentPacket)
 {
-    const int descriptors = open_descriptors();
-    PrivateTmpdir tmp;
-    kel_set_raw_packet_size(256); // not used: the silence is one packet
     int err = -1;
-    ClipPtr silent(ClipCAFF::create_silent(32000.0f, 10, 1152, &err));
-    kel_set_raw_packet_size(0);
+    ClipPtr silent(SilentClip::create(32000.0f, 10, 1152, &err));
     ASSERT_EQ(err, 0);
     ASSERT_TRUE(silent);
-    EXPECT_TRUE(tmp.dir().entries().empty());
     ASSERT_EQ(silent->packet_count, 10);
     Packet* first = silent->get_packet(0);
     for (int i = 0; i < 10; ++i) {
@@ -89,14 +85,13 @@ TEST(CafScratch, SilentClipsReferToOneSilentPacket)
     const Samples s = decode_clip(*silent);
     EXPECT_TRUE(same_bits(s.left, std::vector<float>(11520, 0.0f)));
     EXPECT_TRUE(same_bits(s.right, std::vector<float>(11520, 0.0f)));
-    EXPECT_EQ(ClipCAFF::create_silent(32000.0f, 0, 1152, &err), nullptr);
+    EXPECT_EQ(SilentClip::create(32000.0f, 0, 1152, &err), nullptr);
     EXPECT_EQ(err, fourcc("EPnm"));
-    silent.reset();
-    EXPECT_TRUE(tmp.dir().entries().empty());
-    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(SilentClip::create(32000.0f, 1, 0, &err), nullptr);
+    EXPECT_EQ(err, fourcc("Eprm"));
 }
 
-TEST(CafScratch, SilenceInTheFormatOfAnyClip)
+TEST(Silence, SilenceInTheFormatOfAnyClip)
 {
     const std::string wave_file = scratch().path("silence-source.wav");
     ASSERT_EQ(run_tool({"sox", "-n", "-r", "44100", "-b", "24", "-c", "2", "-t", "wavpcm", wave_file, "synth", "0.1",

@@ -4,6 +4,7 @@
 // the samples the gain rules predict; gains, parameters and transcodes.
 #include "pcmformats.h"
 
+#include "api/formatdispatch.h"
 #include "core/clipdecoder.h"
 #include "core/fourcc.h"
 #include "overview/overview.h"
@@ -122,7 +123,7 @@ TEST_P(PcmPeerTest, PeerFilesDecodeExactlyAsFfmpegDecodesThem)
         // The clip's figures and the file's, read from the headers alone.
         _kel_clip_info_t info{}, file{};
         clip->get_info(&info);
-        EXPECT_EQ(Clip::file_info(src.file.c_str(), &file, nullptr), 0);
+        EXPECT_EQ(FormatDispatch::standard().file_info(src.file.c_str(), &file, nullptr), 0);
         for (const _kel_clip_info_t& i : {info, file}) {
             EXPECT_EQ(i.format, fmt().format);
             EXPECT_EQ(i.channels, src.channels);
@@ -141,7 +142,7 @@ TEST_P(PcmPeerTest, PeerFilesDecodeExactlyAsFfmpegDecodesThem)
         int err = 0;
         EXPECT_FALSE(open_clip(file, err)) << codec;
         EXPECT_EQ(err, fourcc("Efms")) << codec;
-        EXPECT_EQ(Clip::file_info(file.c_str(), nullptr, nullptr), fourcc("Efms")) << codec;
+        EXPECT_EQ(FormatDispatch::standard().file_info(file.c_str(), nullptr, nullptr), fourcc("Efms")) << codec;
     }
 }
 
