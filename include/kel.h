@@ -229,6 +229,25 @@ KEL_API int kel_clip_packet_preroll_count(kel_clip_t* clip, int packet, int* err
  * of it; null with no error when none are needed. */
 KEL_API kel_clip_t* kel_clip_create_padding_clip(kel_clip_t* clip, int packet, int* err);
 
+/* The clip's edges: frames of its decoded packets that are not part of the
+ * audio. `start` frames from the start of the first packet's decode (an
+ * encoder's delay, a decoder's priming, padding frames put in front for an
+ * MP3 bit reservoir) and `end` frames from the end of the last packet's
+ * (the padding that completes it). Decoding packets (kel_clip_packet_decode)
+ * and the overview always give whole packets; saving writes the trims
+ * where the format has a place for them (MP3: the encoder delay and
+ * padding fields of the LAME extension of the Info frame, which ffmpeg and
+ * other players honour; a clip without trims saves without it). Opening an
+ * MP3 reads them from its LAME tag (values that do not fit the file are
+ * ignored). A copy or cut starting at packet 0 keeps the start trim (a
+ * later one starts with none), one ending at the last packet keeps the end
+ * trim; inserting at the very start or end takes the inserted clip's trim
+ * for that end; a padding clip (kel_clip_create_padding_clip) trims all
+ * of its frames, so that putting it in front keeps it unheard. */
+KEL_API void kel_clip_get_trims(kel_clip_t* clip, int* start, int* end);
+/* KEL_ERR_PARAMETER when a trim is negative or the two leave no frame. */
+KEL_API int kel_clip_set_trims(kel_clip_t* clip, int start, int end, int* err);
+
 /* Frames per packet of the PCM formats (WAVE, AIFF, CAF) when a file is
  * opened; 0 (the initial value) means 1024. Process-wide, unsynchronised. */
 KEL_API void kel_set_raw_packet_size(int size);

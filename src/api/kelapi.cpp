@@ -197,6 +197,21 @@ float kel_clip_packet_quantize_gain(kel_clip_t* clip, int packet, int* err)
     return clip->packet_gain_quantize(packet, ErrorWord(err).cleared());
 }
 
+void kel_clip_get_trims(kel_clip_t* clip, int* start, int* end)
+{
+    if (start != nullptr)
+        *start = clip->start_trim;
+    if (end != nullptr)
+        *end = clip->end_trim;
+}
+
+int kel_clip_set_trims(kel_clip_t* clip, int start, int end, int* err)
+{
+    ErrorWord e(err);
+    clip->set_trims(start, end, e.cleared());
+    return *e.get() == 0;
+}
+
 float kel_clip_packet_set_gain_nearest(kel_clip_t* clip, int packet, float gain, int* err)
 {
     return clip->packet_gain_nearest(packet, gain, ErrorWord(err).cleared());

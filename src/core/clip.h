@@ -93,6 +93,21 @@ public:
     // Inserts all of other's packets before packet at.
     void insert(int at, Clip* other, int* err);
 
+    // ---- edges: frames of the decoded packets that are not heard ----
+    // start_trim frames from the start of the first packet's decode (an
+    // encoder's delay, padding frames put in front) and end_trim frames
+    // from the end of the last packet's (the padding that completes it).
+    // Formats whose files can say so write them when saving. Edits keep
+    // them where they still apply: a copy or cut starting at packet 0 takes
+    // the start trim along (a later one starts with none), one ending at
+    // the last packet the end trim; removing the first or last packet drops
+    // that trim; inserting at the very start or end takes the inserted
+    // clip's trim for that end. "Eprm" when a trim is negative or the two
+    // leave no frame.
+    void set_trims(int start, int end, int* err);
+    int start_trim = 0;
+    int end_trim = 0;
+
     // ---- gain and fades (copy-on-write on shared packets) ----
     float packet_gain(int packet, int* err);
     void packet_gain(int packet, float gain, int* err);

@@ -58,6 +58,8 @@ Clip* Clip::copy(int first, int last, int* err)
     }
     std::copy(packets + first, packets + last + 1, array);
     result->UsePackets(array, count);
+    result->start_trim = first == 0 ? start_trim : 0;
+    result->end_trim = last == packet_count - 1 ? end_trim : 0;
     return result;
 }
 
@@ -75,6 +77,10 @@ Clip* Clip::cut(int first, int last, int* err)
         packets[i] = nullptr;
     }
     packet_count = remaining;
+    if (first == 0)
+        start_trim = 0;
+    if (last == old_count - 1)
+        end_trim = 0;
 
     // An emptied clip gets a zero-length array: the ratio is infinite.
     const bool trim = remaining == 0 ||
@@ -111,6 +117,12 @@ void Clip::insert(int at, Clip* other, int* err)
         update_stream_info();
         return;
     }
+    // The ends that now belong to the inserted packets take their trims
+    // (read before the array changes: other may be this clip).
+    const bool at_start = at == 0;
+    const bool at_end = at == packet_count;
+    const int other_start = other->start_trim;
+    const int other_end = other->end_trim;
 
     // Inserting a clip into itself: the source array is rebuilt below, so
     // take a snapshot of its pointers first. The references for the gap are
@@ -155,7 +167,24 @@ void Clip::insert(int at, Clip* other, int* err)
         other->copy_packets(packets + at);
     }
     packet_count = new_count;
+    if (at_start)
+        start_trim = other_start;
+    if (at_end)
+        end_trim = other_end;
     update_stream_info();
+}
+
+void Clip::set_trims(int start, int end, int* err)
+{
+    long long frames = 0;
+    for (int i = 0; i < packet_count; ++i)
+        frames += packets[i]->frame_count;
+    if (start < 0 || end < 0 || static_cast<long long>(start) + end >= frames) {
+        set_error(err, fourcc("Eprm"));
+        return;
+    }
+    start_trim = start;
+    end_trim = end;
 }
 
 } // namespace KEL

@@ -5,13 +5,16 @@
 #include "core/bshandlefile.h"
 #include "core/fourcc.h"
 #include "core/progress.h"
+#include "mp3/lametag.h"
 #include "mp3/mp3framegain.h"
 #include "mp3/mpegheader.h"
 #include "mp3/packetmp3.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <vector>
 
 namespace KEL {
 
@@ -100,7 +103,7 @@ bool skip_tag(FILE* f, long long& pos)
 // Moves past a "Xing" or "Info" information frame at pos; true when there
 // was one. Its tag is looked for right after the side information; a CRC
 // word is not allowed for.
-bool skip_information_frame(FILE* f, long long& pos)
+bool skip_information_frame(FILE* f, long long& pos, LameTag& lame, bool& has_lame)
 {
     unsigned int word = 0;
     mpeg_frame_t frame{};
@@ -111,6 +114,11 @@ bool skip_information_frame(FILE* f, long long& pos)
         return false;
     if (word != static_cast<unsigned int>(fourcc("Xing")) && word != static_cast<unsigned int>(fourcc("Info")))
         return false;
+    // The frame whole, for the delay and padding of its LAME extension (a
+    // header describes at most 2881 bytes; a file cut short reads less).
+    std::vector<unsigned char> bytes(static_cast<size_t>(frame.frame_length));
+    const size_t got = fseeko(f, pos, SEEK_SET) == 0 ? std::fread(bytes.data(), 1, bytes.size(), f) : 0;
+    has_lame = lame.read(bytes.data(), static_cast<int>(got), 4 + side);
     pos += frame.frame_length;
     return true;
 }
@@ -401,7 +409,9 @@ Clip* ClipMP3::open(const char* path, int* err, _kel_progress_ext_t* progress, b
     }
     long long pos = 0;
     const bool tagged = skip_tag(f, pos);
-    const bool informed = skip_information_frame(f, pos);
+    LameTag lame;
+    bool has_lame = false;
+    const bool informed = skip_information_frame(f, pos, lame, has_lame);
     std::clearerr(f);
 
     Candidate start;
@@ -430,6 +440,16 @@ Clip* ClipMP3::open(const char* path, int* err, _kel_progress_ext_t* progress, b
             clip->close(nullptr);
             delete clip;
             clip = nullptr;
+        } else if (has_lame) {
+            // Decoders drop the delay plus their own, and the padding less
+            // their own; values that do not fit the stream are not trusted.
+            const long long frames = static_cast<long long>(clip->packet_count) * clip->frames_per_packet();
+            const int start_trim = lame.delay + LameTag::kDecoderDelay;
+            const int end_trim = std::max(0, lame.padding - LameTag::kDecoderDelay);
+            if (static_cast<long long>(start_trim) + end_trim < frames) {
+                clip->start_trim = start_trim;
+                clip->end_trim = end_trim;
+            }
         }
     }
     std::fclose(f);

@@ -224,6 +224,9 @@ Clip* ClipMP3::create_padding_clip(int index, int* err)
         result->add_packet(*it);
     release_all(built);
     result->update_stream_info();
+    // The frames only carry bytes for the frame after them; they decode as
+    // silence that is never meant to be heard.
+    result->start_trim = result->packet_count * frames_per_packet();
     return result;
 }
 

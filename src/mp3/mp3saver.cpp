@@ -7,6 +7,7 @@
 #include "core/packet.h"
 #include "core/progress.h"
 #include "mp3/clipmp3.h"
+#include "mp3/lametag.h"
 #include "mp3/mpegheader.h"
 
 #include <algorithm>
@@ -111,7 +112,10 @@ std::vector<unsigned char> Mp3Saver::information_frame(const ClipMP3& params, co
     decode_header(word, &f);
     const bool mpeg1 = f.version == 1;
     const int side = mpeg_side_info_size(mpeg1, f.stereo == 0);
-    const int needed = 4 + side + kTagBytes;
+    // A clip with trims gets the LAME extension for them; one without keeps
+    // the plain tag, so that it decodes as its source did.
+    const bool timed = params.start_trim > 0 || params.end_trim > 0;
+    const int needed = 4 + side + (timed ? LameTag::kXingBytes + LameTag::kExtensionBytes : kTagBytes);
     if (f.frame_length < needed) {
         for (int i = 1; i <= 14; ++i) {
             const unsigned int candidate = (word & ~kBitRateMask) | static_cast<unsigned int>(i) << 12;
@@ -148,6 +152,13 @@ std::vector<unsigned char> Mp3Saver::information_frame(const ClipMP3& params, co
         const size_t index = next == times.begin() ? 0 : static_cast<size_t>(next - times.begin() - 1);
         const long long entry = total > 0 ? starts[index] * 256 / total : 0;
         tag[16 + i] = static_cast<unsigned char>(std::min(entry, 255LL));
+    }
+    if (timed) {
+        // Decoders drop delay + 529 frames at the start and padding - 529 at
+        // the end; a start trim below their own 529 cannot be written.
+        LameTag::write(frame.data(), 4 + side, params.start_trim - LameTag::kDecoderDelay,
+                       params.end_trim + LameTag::kDecoderDelay,
+                       static_cast<uint32_t>(std::min(total, kSaveLimit)));
     }
     return frame;
 }

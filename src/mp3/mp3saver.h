@@ -16,7 +16,10 @@
 //   bytes     big-endian 32 bits: this frame plus the audio frames
 //   table     100 bytes: entry i is the position of the frame at i percent
 //             of the duration, as a fraction of `bytes` times 256
-// The rest of the frame is zero.
+// The rest of the frame is zero, except for a clip with trims: then the
+// flags are 15, a quality word of 0 follows the table, and the LAME
+// extension (lametag.h) carries the trims as encoder delay and padding, so
+// that players drop exactly those frames.
 //
 // Each packet's frame is written with its gain applied in the bitstream
 // (global_gain steps, CRC recomputed); envelopes are first folded into
