@@ -7,6 +7,7 @@
 #include "toolclip.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cmath>
 #include <cstdio>
 
@@ -144,6 +145,59 @@ void put_in_front(ToolClip& clip, const ToolClip& frames)
                 frames.packet_count());
 }
 
+// Formats whose saved files carry the clip's trims, so that a range can
+// start and end at any frame rather than at packet boundaries.
+bool saves_trims(int format)
+{
+    return format == KEL_FORMAT_MP3;
+}
+
+// The decoder delay a packet decoded after a foreign predecessor needs:
+// MP3's synthesis overlaps each frame with the one before, so a copy keeps
+// one frame more in front and trims it.
+int lead_packets(int format)
+{
+    return format == KEL_FORMAT_MP3 ? 1 : 0;
+}
+
+// The largest start trim an MP3 file can say: the 12-bit delay field plus
+// the decoder's own delay.
+constexpr int kMaxMp3StartTrim = 4095 + 529;
+
+// A new clip of the frames [from, to) of clip's decode (positions counted
+// from its first packet's first frame), with the packets around them
+// trimmed away: one lead packet in front where the format's decoder needs
+// it, and padding frames for an MP3 bit reservoir.
+ToolClip exact_copy(ToolClip& clip, long long from, long long to)
+{
+    const std::vector<long long>& b = clip.boundaries();
+    const auto packet_at = [&](long long frame) {
+        return static_cast<int>(std::upper_bound(b.begin(), b.end(), frame) - b.begin()) - 1;
+    };
+    const int first = packet_at(from);
+    const int last = packet_at(to - 1);
+    const int format = clip.info().format;
+    for (int lead = std::min(first, lead_packets(format));; --lead) {
+        const int start = first - lead;
+        ToolClip padding(padding_frames(clip, start), clip.name());
+        int err = 0;
+        ToolClip piece(kel_clip_copy(clip.get(), start, last, &err), clip.name());
+        if (piece.get() == nullptr)
+            fail_library(err, clip.name());
+        long long in_front = 0;
+        if (padding.get() != nullptr)
+            in_front = padding.boundaries().back();
+        const long long start_trim = from - b[static_cast<size_t>(start)] + in_front;
+        if (format == KEL_FORMAT_MP3 && start_trim > kMaxMp3StartTrim && lead > 0)
+            continue; // too far for the delay field: no lead frame then
+        put_in_front(piece, padding);
+        if (!kel_clip_set_trims(piece.get(), static_cast<int>(std::min<long long>(start_trim, INT32_MAX)),
+                                static_cast<int>(b[static_cast<size_t>(last) + 1] - to), &err))
+            fail_library(err, clip.name());
+        return piece;
+    }
+}
+
 int keep_or_remove(const char* command, const char* help, const Args& args, bool keep)
 {
     const Options o(command, args, {kStart, kEnd, kPacketsFlag, kOutput, kCodec});
@@ -152,6 +206,29 @@ int keep_or_remove(const char* command, const char* help, const Args& args, bool
     o.expect_positional(1, "input file");
     const std::string out = o.required("output");
     ToolClip clip = ToolClip::open(o.positional()[0]);
+    if (saves_trims(clip.info().format) && !o.has("packets")) {
+        // Frame-exact: the range as players hear the file.
+        const FrameRange f = clip.frame_range(o);
+        const long long begin = clip.start_trim(), end = clip.boundaries().back() - clip.end_trim();
+        ToolClip piece(nullptr, clip.name());
+        if (keep)
+            piece = exact_copy(clip, f.start, f.end);
+        else if (f.start <= begin)
+            piece = exact_copy(clip, f.end, end);
+        else if (f.end >= end)
+            piece = exact_copy(clip, begin, f.start);
+        if (piece.get() != nullptr) {
+            const double rate = clip.info().sample_rate;
+            std::printf("%s %.6f s to %.6f s (frames %lld to %lld); %.6f s left\n", keep ? "kept" : "removed",
+                        (f.start - begin) / rate, (f.end - begin) / rate, f.start - begin, f.end - begin,
+                        piece.heard_seconds());
+            piece.save(out, output_settings(o));
+            std::printf("wrote %s\n", out.c_str());
+            return kExitOk;
+        }
+        // A cut inside the stream: MP3 frames in the middle cannot be
+        // trimmed, so the removed range is rounded to whole packets.
+    }
     const PacketRange r = clip.range(o);
     const std::string what = clip.describe(r);
     // The first frame that will be kept, while its predecessors are there.
@@ -168,6 +245,7 @@ int keep_or_remove(const char* command, const char* help, const Args& args, bool
     put_in_front(result, padding);
     if (keep)
         piece.set_leading_tag(clip.leading_tag());
+
     std::printf("%s %s; %d packets, %.3f s left\n", keep ? "kept" : "removed", what.c_str(),
                 result.packet_count(), result.duration_seconds());
     result.save(out, output_settings(o));

@@ -264,6 +264,47 @@ PacketRange ToolClip::range(const Options& o)
     return {first, stop - 1};
 }
 
+int ToolClip::start_trim() const
+{
+    int start = 0;
+    kel_clip_get_trims(clip_, &start, nullptr);
+    return start;
+}
+
+int ToolClip::end_trim() const
+{
+    int end = 0;
+    kel_clip_get_trims(clip_, nullptr, &end);
+    return end;
+}
+
+double ToolClip::heard_seconds()
+{
+    const float rate = info().sample_rate;
+    const long long frames = boundaries().back() - start_trim() - end_trim();
+    return rate > 0.0f ? static_cast<double>(frames) / rate : 0.0;
+}
+
+FrameRange ToolClip::frame_range(const Options& o)
+{
+    if (packet_count() < 1)
+        fail(name_ + ": the clip holds no packets");
+    const double rate = info().sample_rate;
+    const double duration = heard_seconds();
+    const double start = o.number_at_least("start", 0.0, 0.0);
+    const double end = std::min(o.number("end", duration), duration);
+    if (o.has("end") && o.number("end", 0.0) <= start)
+        fail_usage(o.command(), "--end must come after --start");
+    if (start >= duration)
+        fail(strprintf("%s: the range starts at %.3f s, but the file is %.3f s long", name_.c_str(), start,
+                       duration));
+    const long long first = static_cast<long long>(std::llround(start * rate));
+    const long long last = static_cast<long long>(std::llround(end * rate));
+    if (last <= first)
+        fail(strprintf("%s: %.6f s to %.6f s holds no frame", name_.c_str(), start, end));
+    return {first + start_trim(), last + start_trim()};
+}
+
 std::string ToolClip::describe(PacketRange r)
 {
     return strprintf("packets %d..%d (%.3f s to %.3f s)", r.first, r.last, seconds_at(r.first), seconds_at(r.last + 1));

@@ -20,6 +20,13 @@ struct PacketRange {
     int last;
 };
 
+// Frames [start, end) of a clip's decode, counted from the first frame of
+// its first packet (the start trim included).
+struct FrameRange {
+    long long start;
+    long long end;
+};
+
 // What `convert` may change on the way; zeros keep the source's values.
 struct SaveSettings {
     float sample_rate = 0.0f;
@@ -64,6 +71,15 @@ public:
     PacketRange range(const Options& options);
     // "packets 43..85 (0.998 s to 1.997 s)".
     std::string describe(PacketRange range);
+
+    // The clip's trims (kel_clip_get_trims).
+    int start_trim() const;
+    int end_trim() const;
+    // The length players hear: the packets less the trims.
+    double heard_seconds();
+    // --start/--end in seconds of what players hear, to the nearest frame;
+    // absent ends mean the heard ends. Refuses empty ranges.
+    FrameRange frame_range(const Options& options);
 
     // Writes the clip to `path`. The extension picks the format; when it
     // differs from the clip's or settings change a parameter, the clip is
