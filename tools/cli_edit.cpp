@@ -149,7 +149,8 @@ void put_in_front(ToolClip& clip, const ToolClip& frames)
 // start and end at any frame rather than at packet boundaries.
 bool saves_trims(int format)
 {
-    return format == KEL_FORMAT_MP3;
+    return format == KEL_FORMAT_MP3 || format == KEL_FORMAT_WAVE || format == KEL_FORMAT_AIFF ||
+           format == KEL_FORMAT_CAF;
 }
 
 // The decoder delay a packet decoded after a foreign predecessor needs:

@@ -97,6 +97,19 @@ int PcmSaver::write_packets(const Clip& clip, _kel_progress_ext_t* progress, boo
 {
     ProgressThrottle throttle(progress);
     const float step = 100.0f / static_cast<float>(clip.packet_count);
+    // The clip's trims, in frames of its packets as they count them (a
+    // file's last packet may count more frames than its bytes hold; those
+    // are not written either way). Frames outside [keep_from, keep_to)
+    // are left out of the first and last packets they fall in.
+    const bool trimmed = clip.start_trim > 0 || clip.end_trim > 0;
+    const long long frame_bytes = static_cast<long long>(clip.channels) * (clip.bits_per_sample / 8);
+    long long counted = 0;
+    if (trimmed)
+        for (int i = 0; i < clip.packet_count; ++i)
+            counted += clip.packets[i]->frame_count;
+    const long long keep_from = clip.start_trim;
+    const long long keep_to = counted - clip.end_trim;
+    long long position = 0;
     // Packets are read straight into the batch at fill and go out together
     // once the next one would not fit.
     size_t fill = 0;
@@ -124,8 +137,19 @@ int PcmSaver::write_packets(const Clip& clip, _kel_progress_ext_t* progress, boo
         }
         if (filter_ && size > 0)
             filter_(bytes, size);
-        fill += length;
-        frames += packet->disk_frame_count();
+        if (trimmed && frame_bytes > 0) {
+            const long long held = static_cast<long long>(length) / frame_bytes;
+            const long long from = std::clamp(keep_from - position, 0LL, held);
+            const long long to = std::clamp(keep_to - position, from, held);
+            position += packet->frame_count;
+            if (from > 0)
+                std::memmove(bytes, bytes + from * frame_bytes, static_cast<size_t>((to - from) * frame_bytes));
+            fill += static_cast<size_t>((to - from) * frame_bytes);
+            frames += to - from;
+        } else {
+            fill += length;
+            frames += packet->disk_frame_count();
+        }
         (void)throttle.step(step * static_cast<float>(i));
     }
     return write_out(fill) ? 0 : fourcc("EIO ");

@@ -151,14 +151,22 @@ class CliTest(unittest.TestCase):
         self.assertIn("packets       100 of 1024 frames", text)
         self.assertIn("sample rate   44100 Hz", text)
 
-    def test_cut_copy_splice_take_the_nearest_packets(self):
+    def test_cut_copy_splice_take_frames_or_packets(self):
+        # A cut inside the file removes whole packets (the nearest ones);
+        # copies and cuts at the file's ends are frame-exact.
         first, stop = boundary(1.0), boundary(2.0)  # packets 43..85
         cut, kept = self.path("cut.wav"), self.path("kept.wav")
         p = run("cut", self.markers, "--start", 1, "--end", 2, "-o", cut)
         self.assertIn(f"packets {first}..{stop - 1}", p.stdout)
         self.assertEqual(marker_packets(cut), list(range(first)) + list(range(stop, 100)))
         run("copy", self.markers, "--start", 1, "--end", 2, "-o", kept)
-        self.assertEqual(marker_packets(kept), list(range(first, stop)))
+        source = read_wave(self.markers)
+        self.assertEqual(read_wave(kept), source[RATE:2 * RATE])
+        run("cut", self.markers, "--end", 0.5, "-o", cut)
+        self.assertEqual(read_wave(cut), source[RATE // 2:])
+
+        kept = self.path("kept-packets.wav")
+        run("copy", self.markers, "--packets", "--start", first, "--end", stop - 1, "-o", kept)
         stream = ffprobe(kept)
         self.assertEqual((stream["codec_name"], int(stream["duration_ts"])), ("pcm_s16le", (stop - first) * PACKET))
 
@@ -285,8 +293,8 @@ class CliTest(unittest.TestCase):
         self.assertIn("--insert", run("splice", "--help").stdout)
         run("cut", self.markers, "--bogus", status=2)
         run("gain", self.markers, "-o", self.path("x.wav"), status=2)  # no --db
-        p = run("copy", self.markers, "--start", 1.0, "--end", 1.005, "-o", self.path("x.wav"), status=1)
-        self.assertIn("no whole packet", p.stderr)
+        p = run("copy", self.markers, "--start", 50, "--end", 60, "-o", self.path("x.wav"), status=1)
+        self.assertIn("but the file is 2.322 s long", p.stderr)
         self.assertFalse(os.path.exists(self.path("x.wav")))
 
     def test_demo(self):

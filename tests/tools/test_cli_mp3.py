@@ -8,6 +8,7 @@ usage: test_cli_mp3.py PATH_TO_KEL
 """
 import os
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -46,6 +47,13 @@ def decoded_frames(path):
                           "+skip_manual", "-i", path, "-f", "s16le", "-ac", "1", "-"],
                          capture_output=True, check=True).stdout
     return len(raw) // 2
+
+
+def heard(path):
+    """Mono samples as ffmpeg plays the file (delay and padding dropped)."""
+    raw = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-i", path, "-f", "f32le", "-ac", "1", "-"],
+                         capture_output=True, check=True).stdout
+    return struct.unpack("<%df" % (len(raw) // 4), raw)
 
 
 def id3v2_tag(data):
@@ -114,6 +122,44 @@ class Mp3Commands(unittest.TestCase):
         # 3 s plus LAME's delay and padding: at most three frames more.
         self.assertGreaterEqual(duration, 3.0)
         self.assertLessEqual(duration, 3.0 + 3 * 1152 / 44100)
+
+    def test_saves_keep_the_timing_players_hear(self):
+        # lame's delay and padding survive a gain; a copy from A to B and a
+        # cut of the start play exactly those frames, aligned with the
+        # source (a lead frame and padding frames in front are trimmed by
+        # the LAME extension of the saved Info frame).
+        source = heard(self.mp3)
+        self.assertEqual(len(source), 3 * 44100)
+        gained = self.path("gain-timing.mp3")
+        run("gain", self.mp3, "--db", -3, "-o", gained)
+        factor = 2 ** (-2 / 4)
+        self.assertEqual(len(heard(gained)), len(source))
+        self.assertLess(max(abs(a * factor - b) for a, b in zip(source, heard(gained))), 1e-5)
+        for command, args, start, count in (("copy", ["--start", 0.4321, "--end", 1.5], 19056, 47094),
+                                            ("cut", ["--end", 1.0], 44100, 2 * 44100)):
+            out = self.path(command + "-timing.mp3")
+            run(command, self.mp3, *args, "-o", out)
+            got = heard(out)
+            self.assertEqual(len(got), count)
+            self.assertLess(max(abs(a - b) for a, b in zip(source[start:start + count], got)), 1e-6, command)
+
+    def test_impossible_lame_fields_are_ignored(self):
+        # Delay and padding of 4095 each on a file of 0.1 s: more than the
+        # file holds, so the clip keeps every frame and saves no extension.
+        short = self.path("short.mp3")
+        subprocess.run(["sox", self.wav, self.path("short.wav"), "trim", "0", "0.1"], check=True)
+        subprocess.run(["lame", "--quiet", "-b", "128", self.path("short.wav"), short], check=True)
+        with open(short, "rb") as f:
+            data = bytearray(f.read())
+        lame = data.index(b"LAME")
+        data[lame + 21:lame + 24] = b"\xff\xff\xff"
+        with open(short, "wb") as f:
+            f.write(data)
+        out = self.path("short-gain.mp3")
+        run("gain", short, "--db", -3, "-o", out)
+        self.assertEqual(decoded_frames(out), len(frame_positions(out)) * 1152)
+        with open(out, "rb") as f:
+            self.assertNotIn(b"LAME", f.read()[:frame_positions(out)[0][0]])  # the Info frame
 
 
 if __name__ == "__main__":
