@@ -145,20 +145,20 @@ void put_in_front(ToolClip& clip, const ToolClip& frames)
                 frames.packet_count());
 }
 
-// Formats whose saved files carry the clip's trims, so that a range can
-// start and end at any frame rather than at packet boundaries.
+// Every format's saved file carries the clip's trims (MP3 in the LAME
+// extension, MPEG-4 in an edit list, PCM by leaving the frames out), so a
+// range can start and end at any frame rather than at packet boundaries.
 bool saves_trims(int format)
 {
-    return format == KEL_FORMAT_MP3 || format == KEL_FORMAT_WAVE || format == KEL_FORMAT_AIFF ||
-           format == KEL_FORMAT_CAF;
+    return format != 0;
 }
 
-// The decoder delay a packet decoded after a foreign predecessor needs:
-// MP3's synthesis overlaps each frame with the one before, so a copy keeps
-// one frame more in front and trims it.
+// Packets a copy keeps in front of the first one it wants, and trims:
+// MP3's synthesis and AAC's transform overlap each frame with the one
+// before, so the first wanted one decodes as in its source only after it.
 int lead_packets(int format)
 {
-    return format == KEL_FORMAT_MP3 ? 1 : 0;
+    return format == KEL_FORMAT_MP3 || format == KEL_FORMAT_AAC ? 1 : 0;
 }
 
 // The largest start trim an MP3 file can say: the 12-bit delay field plus

@@ -374,16 +374,20 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         if (err != 0)
             warn_library(err, name_);
         to_save = result;
-        // A PCM result at the same rate holds the source's frames one for
-        // one from its start, so the source's trims still apply to it. (A
-        // coded result starts with its encoder's own delay.)
-        if (is_pcm(t.format) && t.sample_rate == source.sample_rate && (start_trim() > 0 || end_trim() > 0)) {
+        // A PCM or Apple Lossless result at the same rate holds the source's
+        // frames one for one from its start (those encoders have no delay),
+        // so the source's trims still apply to it, and frames that complete
+        // its last packet are trimmed too. (MP3 and AAC start with their
+        // encoder's own delay.)
+        if (is_lossless(t.format) && t.sample_rate == source.sample_rate) {
             const long long heard_end = boundaries().back() - end_trim();
             const long long total = converted.boundaries().back();
             err = 0;
             kel_clip_set_trims(result, start_trim(), static_cast<int>(std::max(0LL, total - heard_end)), &err);
             if (err != 0)
                 fail_library(err, path);
+            if (reencode_tail)
+                std::printf("(the frames that complete it are trimmed by the file's edit list)\n");
         }
     }
 

@@ -105,6 +105,8 @@ public:
     // clip's trim for that end. "Eprm" when a trim is negative or the two
     // leave no frame.
     void set_trims(int start, int end, int* err);
+    // The frames of all packets, as they count them.
+    long long total_frames() const;
     int start_trim = 0;
     int end_trim = 0;
 

@@ -174,12 +174,17 @@ void Clip::insert(int at, Clip* other, int* err)
     update_stream_info();
 }
 
-void Clip::set_trims(int start, int end, int* err)
+long long Clip::total_frames() const
 {
     long long frames = 0;
     for (int i = 0; i < packet_count; ++i)
         frames += packets[i]->frame_count;
-    if (start < 0 || end < 0 || static_cast<long long>(start) + end >= frames) {
+    return frames;
+}
+
+void Clip::set_trims(int start, int end, int* err)
+{
+    if (start < 0 || end < 0 || static_cast<long long>(start) + end >= total_frames()) {
         set_error(err, fourcc("Eprm"));
         return;
     }

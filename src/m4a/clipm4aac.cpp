@@ -181,6 +181,8 @@ ClipM4AAC* ClipM4AAC::open(const char* path, int* err, _kel_progress_ext_t* prog
     parser->get_m4a_info(&channels, &rate, &nominal, nullptr);
     auto* clip = new (std::nothrow) ClipM4AAC(channels, rate, nominal, nullptr);
     code = clip == nullptr ? fourcc("EUnk") : clip->load(path, parser, progress);
+    if (code == 0 && !parser->edit_trims(clip->total_frames(), clip->start_trim, clip->end_trim))
+        clip->start_trim = clip->end_trim = 0;
     delete parser;
     std::fclose(f);
     if (code != 0) {
@@ -332,6 +334,9 @@ int ClipM4AAC::save_to(const char* path, const void* first_block, int first_leng
             code = fourcc("Efow");
         } else {
             auto* saver = new (std::nothrow) M4A_SaverAAC(f);
+            if (saver != nullptr && (start_trim > 0 || end_trim > 0))
+                saver->set_edit(static_cast<uint32_t>(start_trim),
+                                static_cast<uint32_t>(total_frames() - start_trim - end_trim));
             code = saver == nullptr ? fourcc("EUnk")
                                     : saver->save(packets, packet_count, channels, sample_rate, nominal_bit_rate,
                                                   first_block, first_length, second_block, second_length,

@@ -234,6 +234,8 @@ ClipM4ALAC* ClipM4ALAC::open(const char* path, int* err, _kel_progress_ext_t* pr
         return nullptr;
     }
     *err = clip->load(path, parser, progress);
+    if (*err == 0 && !parser->edit_trims(clip->total_frames(), clip->start_trim, clip->end_trim))
+        clip->start_trim = clip->end_trim = 0;
     delete parser;
     if (*err != 0) {
         clip->close(nullptr);
@@ -394,6 +396,8 @@ int ClipM4ALAC::save_to(const char* path, const void* block1, int block1_len, co
         return *err;
     }
     M4A_SaverALAC saver(file);
+    if (start_trim > 0 || end_trim > 0)
+        saver.set_edit(static_cast<uint32_t>(start_trim), static_cast<uint32_t>(total_frames() - start_trim - end_trim));
 
     bool touched = false;
     for (int i = 0; i < packet_count && !touched; ++i)

@@ -4,7 +4,9 @@
 #include "core/fourcc.h"
 #include "m4a/m4aatoms.h"
 
+#include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <cstdint>
 #include <cstdlib>
 
@@ -225,7 +227,76 @@ bool M4A_Parser::load_tables(FILE* file, int track)
     stsc = static_cast<unsigned char*>(load_stsc(file, track));
     stsz = static_cast<unsigned char*>(load_stsz(file, track));
     stco = static_cast<unsigned char*>(load_stco(file, track));
+    read_edit_list(file, track);
     return stts != nullptr && stsc != nullptr && stsz != nullptr && stco != nullptr;
+}
+
+namespace {
+
+// The 32-bit time scale of a "mvhd" or "mdhd" atom found at path (version
+// 0: at byte 20 of the atom, version 1: at byte 28); 0 when unreadable.
+uint32_t time_scale(FILE* file, const char* path)
+{
+    long long at = 0;
+    unsigned char head[32];
+    if (!find_atom(file, reinterpret_cast<const unsigned char*>(path), &at) || fseeko(file, at, SEEK_SET) != 0 ||
+        std::fread(head, 1, sizeof head, file) != sizeof head)
+        return 0;
+    return get_be32(head + (head[8] == 1 ? 28 : 20));
+}
+
+} // namespace
+
+bool M4A_Parser::edit_trims(long long total, int& start, int& end) const
+{
+    if (edit_start < 0 || edit_frames <= 0 || edit_start + edit_frames > total || edit_start > INT_MAX ||
+        total - edit_start - edit_frames > INT_MAX)
+        return false;
+    start = static_cast<int>(edit_start);
+    end = static_cast<int>(total - edit_start - edit_frames);
+    return true;
+}
+
+void M4A_Parser::read_edit_list(FILE* file, int track)
+{
+    edit_start = -1;
+    edit_frames = -1;
+    char path[64];
+    std::snprintf(path, sizeof path, "moov.trak-%d.edts.elst", track);
+    long long at = 0;
+    // Header, version and flags, entry count; then entries of 12 bytes
+    // (version 0: duration, media time, rate) or 20 (version 1: 64-bit
+    // duration and media time). Only the first eight entries are looked
+    // at: an empty edit (media time -1) may come before the one that plays.
+    unsigned char elst[16 + 8 * 20] = {};
+    if (!find_atom(file, reinterpret_cast<const unsigned char*>(path), &at) || fseeko(file, at, SEEK_SET) != 0)
+        return;
+    const size_t got = std::fread(elst, 1, sizeof elst, file);
+    if (got < 16)
+        return;
+    const bool wide = elst[8] == 1;
+    const size_t entry = wide ? 20 : 12;
+    const size_t held = std::min<size_t>(get_be32(elst), got);
+    const size_t entries = std::min<size_t>(get_be32(elst + 12), held >= 16 ? (held - 16) / entry : 0);
+    for (size_t i = 0, p = 16; i < entries; ++i, p += entry) {
+        const long long duration =
+            wide ? static_cast<long long>(get_be64(elst + p) & 0x7FFFFFFFFFFFFFFFULL) : get_be32(elst + p);
+        const long long media =
+            wide ? static_cast<long long>(get_be64(elst + p + 8)) : static_cast<int32_t>(get_be32(elst + p + 4));
+        const uint32_t rate = get_be32(elst + p + entry - 4);
+        if (media < 0)
+            continue;
+        if (rate != 0x00010000)
+            return;
+        std::snprintf(path, sizeof path, "moov.trak-%d.mdia.mdhd", track);
+        const uint32_t movie_scale = time_scale(file, "moov.mvhd");
+        const uint32_t media_scale = time_scale(file, path);
+        if (movie_scale == 0 || media_scale == 0)
+            return;
+        edit_start = media;
+        edit_frames = static_cast<long long>(static_cast<double>(duration) * media_scale / movie_scale + 0.5);
+        return;
+    }
 }
 
 } // namespace KEL

@@ -46,6 +46,17 @@ public:
     float sample_rate = 0.0f;
     int bit_rate = 0;        // bits per second; 0 for Apple Lossless
     int bits_per_sample = 0; // 0 for AAC
+    // The track's edit list, when it has one that plays its media from one
+    // point at normal rate: the first media frame played (the codec's
+    // priming before it) and how many frames play, in the media's time
+    // scale (the packets' frames); -1 when there is none.
+    long long edit_start = -1;
+    long long edit_frames = -1;
+
+    // The clip's trims from the edit list for a track of total frames:
+    // false when there is none or it does not fit the frames (it is then
+    // not trusted).
+    bool edit_trims(long long total, int& start, int& end) const;
 
 protected:
     // detect() of the subclasses: "Efor" without a file, "Efmu" unless the
@@ -58,8 +69,14 @@ protected:
     // Reads length bytes from the current position, with the same codes.
     static int read_next(FILE* file, unsigned char* dest, size_t length);
     // Loads the four tables of track (each that loads is kept): true when
-    // all four did.
+    // all four did. Reads the edit list as well (edit_start, edit_frames).
     bool load_tables(FILE* file, int track);
+
+private:
+    // The first edit of the track's "elst" that plays media, its duration
+    // converted from the movie's time scale to the media's.
+    void read_edit_list(FILE* file, int track);
+public:
 
 private:
     // The frame count of packet index from "stts".

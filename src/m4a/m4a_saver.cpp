@@ -225,6 +225,13 @@ uint32_t M4A_Saver::tables_size() const
     return get_be32(stts) + get_be32(stsc) + get_be32(stsz) + get_be32(stco);
 }
 
+void M4A_Saver::set_edit(uint32_t start, uint32_t frames)
+{
+    has_edit_ = true;
+    edit_start_ = start;
+    edit_frames_ = frames;
+}
+
 void M4A_Saver::fill_template(int template_size, uint32_t moov_size, uint32_t time, uint32_t rate, uint32_t frames,
                               uint32_t next_track_id)
 {
@@ -251,7 +258,7 @@ void M4A_Saver::fill_template(int template_size, uint32_t moov_size, uint32_t ti
         put_be32(t + 52 + 4 * i, kMatrix[i]);
     put_be32(t + 112, next_track_id);
 
-    put_type(t + 116, z - 116 + s, "trak");
+    put_type(t + 116, z - 116 + s + static_cast<uint32_t>(edit_bytes()), "trak");
     put_type(t + 124, 92, "tkhd");
     put_be32(t + 132, 7); // enabled, in movie, in preview
     put_be32(t + 136, time);
@@ -314,7 +321,23 @@ long long M4A_Saver::write_head(int template_size)
     put_be32(ftyp + 20, static_cast<uint32_t>(fourcc("mp42")));
     put_be32(ftyp + 24, static_cast<uint32_t>(fourcc("isom")));
     long long written = write_bytes(ftyp, sizeof ftyp);
-    written += write_bytes(moov, template_size);
+    if (has_edit_) {
+        // The edit list goes between the track's header atoms and "mdia".
+        constexpr int kMdiaAt = 244;
+        unsigned char edts[kEditBytes] = {};
+        put_type(edts, kEditBytes, "edts");
+        put_type(edts + 8, kEditBytes - 8, "elst");
+        // elst: version and flags 0, one entry.
+        put_be32(edts + 20, 1);
+        put_be32(edts + 24, edit_frames_);
+        put_be32(edts + 28, edit_start_);
+        put_be32(edts + 32, 0x00010000); // rate 1.0
+        written += write_bytes(moov, kMdiaAt);
+        written += write_bytes(edts, kEditBytes);
+        written += write_bytes(moov + kMdiaAt, template_size - kMdiaAt);
+    } else {
+        written += write_bytes(moov, template_size);
+    }
     for (const unsigned char* table : {stts, stsc, stsz, stco})
         written += write_bytes(table, get_be32(table));
     return written;

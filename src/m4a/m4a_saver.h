@@ -15,6 +15,13 @@
 //   320 "minf" (Z-320+S)   328 "smhd" (16)   344 "dinf" (36) with "dref"
 //   and "url "   380 "stbl" (Z-380+S)   388 "stsd" (Z-388)   404 entry.
 // The chunks of the "stco" table hold 21 packets each.
+//
+// A clip with trims gets one more atom that the template lacks, an edit
+// list (36 bytes, right before "mdia": "edts" holding "elst" with one entry:
+// the frames that play, in the movie's time scale, the first media frame
+// played, rate 1.0), so that players drop the priming and the padding; the
+// sizes of "moov" and "trak" and the chunk offsets grow by its size. A clip
+// without trims is written exactly as the template says.
 #ifndef KEL_M4A_M4A_SAVER_H
 #define KEL_M4A_M4A_SAVER_H
 
@@ -53,6 +60,12 @@ public:
     unsigned char* create_stco(int* samples_per_chunk, int* last_chunk, int* last_chunk_samples);
     unsigned char* create_stsc(int samples_per_chunk, int last_chunk, int last_chunk_samples);
 
+    // Bytes of the edit list atom.
+    static constexpr int kEditBytes = 36;
+    // Asks for an edit list that plays frames frames from media frame
+    // start (both in the sample rate's units); call before save.
+    void set_edit(uint32_t start, uint32_t frames);
+
     // Seconds since 1904 for the creation and modification fields (four
     // hours more than the exact distance from 1970); 0 without a clock.
     static unsigned int _get_carbon_time();
@@ -65,6 +78,9 @@ public:
     unsigned char* moov = nullptr;
 
 protected:
+    // The size of the edit list atom when one is written, else 0.
+    int edit_bytes() const { return has_edit_ ? kEditBytes : 0; }
+
     // Allocates the zeroed template of template_size bytes and the four
     // tables: 0 or "EILC".
     int build(Packet** packets, int count, int template_size);
@@ -95,6 +111,11 @@ protected:
     // A double truncated to the unsigned 32-bit range (0 for NaN).
     static uint32_t truncate_u32(double value);
 
+
+private:
+    bool has_edit_ = false;
+    uint32_t edit_start_ = 0;
+    uint32_t edit_frames_ = 0;
 };
 
 } // namespace KEL

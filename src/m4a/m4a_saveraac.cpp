@@ -143,7 +143,8 @@ int M4A_SaverAAC::save(Packet** packets, int count, int channels, float sample_r
         return err;
     if (first_block == nullptr || first_length < 0)
         first_length = 0;
-    const long long moov_size = kTemplateSize + static_cast<long long>(tables_size()) + chapters.trak_bytes + first_length;
+    const long long moov_size =
+        kTemplateSize + edit_bytes() + static_cast<long long>(tables_size()) + chapters.trak_bytes + first_length;
     if (moov_size > 0xFFFFFFFFLL)
         return fourcc("Ebyt");
 

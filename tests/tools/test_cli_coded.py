@@ -82,6 +82,29 @@ class CodedFiles(unittest.TestCase):
                     measured = 10 * math.log10(energy(decode(out, *options)) / before)
                     self.assertAlmostEqual(measured, reported, delta=0.05)
 
+    def test_mpeg4_saves_keep_the_priming_out_of_hearing(self):
+        # The source's edit list (ffmpeg: 1024 frames of AAC priming) is kept
+        # by a gain-only save, and a copy starts exactly at its frame: a lead
+        # packet in front and an edit list of its own. ffmpeg ends an MPEG-4
+        # track only at whole packets, so the end may run on for less than
+        # one packet (the gained Apple Lossless file too: its short last
+        # packet is encoded again as a whole one).
+        for source, packet, tolerance in ((self.aac, 1024, 1e-4), (self.alac, 4096, 0.0)):
+            with self.subTest(source=os.path.basename(source)):
+                heard = decode(source)  # stereo, interleaved
+                gained = self.path("timing-gain.m4a")
+                run("gain", source, "--db", -3, "-o", gained)
+                self.assertGreaterEqual(len(decode(gained)), len(heard))
+                self.assertLess(len(decode(gained)), len(heard) + 2 * packet)
+                if source == self.aac:
+                    self.assertEqual(len(decode(gained)), len(heard))
+                copied = self.path("timing-copy.m4a")
+                run("copy", source, "--start", 0.5, "--end", 1.5, "-o", copied)
+                got = decode(copied)
+                self.assertGreaterEqual(len(got), 2 * 44100)
+                self.assertLess(len(got), 2 * (44100 + packet))
+                self.assertLessEqual(max(abs(a - b) for a, b in zip(heard[2 * 22050:2 * 66150], got)), tolerance)
+
     def test_lossless_sources_stay_lossless_unless_asked(self):
         out = self.path("alac-gain.m4a")
         text = run("gain", self.alac, "--db", -6, "-o", out).stdout
