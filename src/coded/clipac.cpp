@@ -2,7 +2,7 @@
 
 #include "codec/codectypes.h"
 #include "codec/component.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "coded/clipdecoderac.h"
 #include "coded/overviewac.h"
 #include "coded/packetac.h"
@@ -150,7 +150,7 @@ int ClipAC::packet_decode_play(int index, float** out, int* error, float gain)
 {
     // Clips made empty get their packets by editing and have no codec yet.
     if (codec == nullptr && !init_codec()) {
-        *error = fourcc("Ecod");
+        *error = kErrCodec;
         return 0;
     }
     return packet_decode(codec, last_index, primed, index, out, error, gain);
@@ -161,11 +161,11 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
 {
     const int bits = codec_outputs_integer_samples() ? bits_per_sample : 0;
     if (index < 0 || index >= packet_count) {
-        *error = fourcc("EPnm");
+        *error = kErrPacketNumber;
         return 0;
     }
     if (decoder == nullptr) {
-        *error = fourcc("Ecod");
+        *error = kErrCodec;
         return 0;
     }
 
@@ -180,7 +180,7 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
                 continue;
             auto* packet = dynamic_cast<PacketAC*>(get_packet(k));
             if (packet == nullptr) {
-                *error = fourcc("EILC");
+                *error = kErrInternal;
                 return 0;
             }
             packet->decode(nullptr, decoder, more, error, gain, bits);
@@ -194,7 +194,7 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
     for (int i = 0; index + i < packet_count && i <= forward; ++i) {
         auto* packet = dynamic_cast<PacketAC*>(get_packet(index + i));
         if (packet == nullptr) {
-            *error = fourcc("EILC");
+            *error = kErrInternal;
             return 0;
         }
         const int frames = packet->decode(out, decoder, more, error, gain, bits);
@@ -208,7 +208,7 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
         last = index;
         return frames;
     }
-    *error = fourcc("Edec");
+    *error = kErrDecode;
     return 0;
 }
 
