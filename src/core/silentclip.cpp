@@ -11,8 +11,8 @@ namespace KEL {
 
 namespace {
 
-// A packet without stored bytes. Its type is never asked for; it answers
-// as 16-bit PCM, which is what its silence would be stored as.
+// A packet without stored bytes. Nothing asks a transcoding source for its
+// packet type; it reports that of the engine's scratch PCM packets.
 class SilentPacket : public Packet {
 public:
     SilentPacket(float sample_rate, int frames) : Packet(0, sample_rate, 1, frames, nullptr) {}
