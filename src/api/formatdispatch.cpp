@@ -1,7 +1,7 @@
 #include "api/formatdispatch.h"
 
 #include "core/clip.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "m4a/clipm4aac.h"
 #include "m4a/clipm4alac.h"
 #include "mp3/clipmp3.h"
@@ -34,15 +34,15 @@ const FormatDispatch& FormatDispatch::standard()
     // In asking order: AIFF, CAF, WAVE, AAC, Apple Lossless; MP3 last.
     static const FormatDispatch dispatch(
         {
-            ClipFormat{&ClipAIFF::detect, &open_as<ClipAIFF>, &ClipAIFF::get_file_info, fourcc("Eaif"), KEL_FORMAT_AIFF,
+            ClipFormat{&ClipAIFF::detect, &open_as<ClipAIFF>, &ClipAIFF::get_file_info, kErrCorruptAiff, KEL_FORMAT_AIFF,
                        [](int channels, float rate, int bits, int, int, int* err) -> Clip* {
                            return ClipAIFF::create_empty(channels, rate, bits, err);
                        }},
-            ClipFormat{&ClipCAFF::detect, &open_as<ClipCAFF>, &ClipCAFF::get_file_info, fourcc("Ecaf"), KEL_FORMAT_CAF,
+            ClipFormat{&ClipCAFF::detect, &open_as<ClipCAFF>, &ClipCAFF::get_file_info, kErrCorruptCaf, KEL_FORMAT_CAF,
                        [](int channels, float rate, int bits, int, int, int* err) -> Clip* {
                            return ClipCAFF::create_empty(channels, rate, bits, err);
                        }},
-            ClipFormat{&ClipWAVE::detect, &open_as<ClipWAVE>, &ClipWAVE::get_file_info, fourcc("Ewav"), KEL_FORMAT_WAVE,
+            ClipFormat{&ClipWAVE::detect, &open_as<ClipWAVE>, &ClipWAVE::get_file_info, kErrCorruptWave, KEL_FORMAT_WAVE,
                        [](int channels, float rate, int bits, int, int, int* err) -> Clip* {
                            return ClipWAVE::create_empty(channels, rate, bits, err);
                        }},
@@ -89,12 +89,12 @@ Clip* FormatDispatch::open(const char* path, int* err, _kel_progress_ext_t* prog
         if (*err == 0)
             clip = fallback_.open(path, err, progress);
         // "Unsupported format" from a container wins over the MP3 verdict.
-        if (*err != 0 && container_code == fourcc("Efms"))
-            *err = fourcc("Efms");
+        if (*err != 0 && container_code == kErrFormatUnsupported)
+            *err = kErrFormatUnsupported;
     }
 
     if (clip != nullptr && clip->packet_count == 0) {
-        *err = fourcc("Empt");
+        *err = kErrEmpty;
         clip->close(nullptr);
         delete clip;
         return nullptr;
@@ -124,8 +124,8 @@ int FormatDispatch::file_info(const char* path, _kel_clip_info_t* info, _kel_pro
     err = fallback_.detect(path);
     if (err == 0)
         err = fallback_.get_file_info(path, info, progress);
-    if (err != 0 && container_code == fourcc("Efms"))
-        err = fourcc("Efms");
+    if (err != 0 && container_code == kErrFormatUnsupported)
+        err = kErrFormatUnsupported;
     return err;
 }
 
@@ -133,7 +133,7 @@ Clip* FormatDispatch::create_empty(int format, int channels, float sample_rate, 
                                    int flag, int* err) const
 {
     // The caller's error word is written only on failure.
-    int code = fourcc("Eclt");
+    int code = kErrClipType;
     Clip* clip = nullptr;
     std::vector<const ClipFormat*> rows;
     for (const ClipFormat& row : containers_)
@@ -147,7 +147,7 @@ Clip* FormatDispatch::create_empty(int format, int channels, float sample_rate, 
         }
     }
     if (clip == nullptr && err != nullptr)
-        *err = code != 0 ? code : fourcc("EUnk");
+        *err = code != 0 ? code : kErrUnknown;
     return clip;
 }
 

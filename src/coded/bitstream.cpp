@@ -2,7 +2,7 @@
 // alignment step with its one-byte-short bound.
 #include "coded/bitstream.h"
 
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 
 #include <array>
 
@@ -10,7 +10,7 @@ namespace KEL {
 
 namespace {
 
-constexpr int32_t kErrEndOfData = fourcc("Ebef");
+constexpr int32_t kErrEndOfData = kErrBitstreamEnd;
 
 } // namespace
 

@@ -2,7 +2,7 @@
 
 #include "codec/codectypes.h"
 #include "codec/component.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "coded/clipdecoderac.h"
 #include "coded/overviewac.h"
 #include "coded/packetac.h"
@@ -150,7 +150,7 @@ int ClipAC::packet_decode_play(int index, float** out, int* error, float gain)
 {
     // Clips made empty get their packets by editing and have no codec yet.
     if (codec == nullptr && !init_codec()) {
-        *error = fourcc("Ecod");
+        *error = kErrCodec;
         return 0;
     }
     return packet_decode(codec, last_index, primed, index, out, error, gain);
@@ -166,11 +166,11 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
 {
     const int bits = codec_outputs_integer_samples() ? bits_per_sample : 0;
     if (index < 0 || index >= packet_count) {
-        *error = fourcc("EPnm");
+        *error = kErrPacketNumber;
         return 0;
     }
     if (decoder == nullptr) {
-        *error = fourcc("Ecod");
+        *error = kErrCodec;
         return 0;
     }
 
@@ -185,7 +185,7 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
                 continue;
             auto* packet = dynamic_cast<PacketAC*>(get_packet(k));
             if (packet == nullptr) {
-                *error = fourcc("EILC");
+                *error = kErrInternal;
                 return 0;
             }
             if (k > 0 && k > index - nbackpackets() && packet_needs_fresh_codec(k))
@@ -201,7 +201,7 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
     for (int i = 0; index + i < packet_count && i <= forward; ++i) {
         auto* packet = dynamic_cast<PacketAC*>(get_packet(index + i));
         if (packet == nullptr) {
-            *error = fourcc("EILC");
+            *error = kErrInternal;
             return 0;
         }
         if (index + i > 0 && packet_needs_fresh_codec(index + i))
@@ -217,7 +217,7 @@ int ClipAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& warm
         last = index;
         return frames;
     }
-    *error = fourcc("Edec");
+    *error = kErrDecode;
     return 0;
 }
 

@@ -4,7 +4,7 @@
 #include "codec/component.h"
 #include "core/bshandle.h"
 #include "core/cloned.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 
 #include <algorithm>
 #include <cmath>
@@ -190,14 +190,14 @@ int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_mo
     const int F = frame_count;
     const int stored = handle != nullptr ? handle->size : -1;
     if (stored < 0 || stored > kMaxPacketBytes) {
-        *error = fourcc("Ersz");
+        *error = kErrPacketBytes;
         return 0;
     }
     // Bytes of one sample as the codec delivers it: 4 for float, else the
     // integer width, which must be a whole number of 1 to 4 bytes.
     const int sample_bytes = bits == 0 ? 4 : bits / 8;
     if (C < 1 || C > kMaxChannels || F < 0 || F > kMaxFrames || sample_bytes < 1 || sample_bytes > 4) {
-        *error = fourcc("Edec");
+        *error = kErrDecode;
         return 0;
     }
 
@@ -206,7 +206,7 @@ int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_mo
     const size_t out_bytes = static_cast<size_t>(F) * static_cast<size_t>(C) * 4;
     if (!reserve(buffers.input, static_cast<size_t>(stored) + kInputSpare) ||
         !reserve(buffers.output, out_bytes > 0 ? out_bytes : 1)) {
-        *error = fourcc("EUnk");
+        *error = kErrUnknown;
         return 0;
     }
     unsigned char* input = buffers.input.data();
@@ -215,7 +215,7 @@ int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_mo
 
     const int count = get_bytes(input, gain);
     if (count != stored) {
-        *error = fourcc("Ersz");
+        *error = kErrPacketBytes;
         return 0;
     }
 
@@ -223,7 +223,7 @@ int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_mo
     uint32_t in_packets = 1;
     const AudioStreamPacketDescription description{0, 0, static_cast<uint32_t>(count)};
     if (audio_codec_append_input_data(codec, input, &in_bytes, &in_packets, &description) != 0) {
-        *error = fourcc("Edec");
+        *error = kErrDecode;
         return 0;
     }
 
@@ -233,7 +233,7 @@ int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_mo
     uint32_t out_packets = 1;
     uint32_t status = 0;
     if (audio_codec_produce_output_packets(codec, output, &capacity, &out_packets, nullptr, &status) != 0) {
-        *error = fourcc("Edec");
+        *error = kErrDecode;
         return 0;
     }
     const int produced = static_cast<int>(capacity / frame_bytes);
@@ -243,7 +243,7 @@ int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_mo
         return 0;
     }
     if (status != kProduceOutput && status != kProduceOutputMore) {
-        *error = fourcc("Edec");
+        *error = kErrDecode;
         return 0;
     }
     *error = 0;

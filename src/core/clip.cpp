@@ -2,7 +2,7 @@
 
 #include "core/bsfile.h"
 #include "core/bshandle.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 
 #include <climits>
@@ -189,7 +189,7 @@ int Clip::packet_frame_count(int packet, int* err) const
     const Packet* p = get_packet(packet);
     if (p == nullptr) {
         if (err != nullptr)
-            *err = fourcc("EPnm");
+            *err = kErrPacketNumber;
         return 0;
     }
     return p->frame_count;

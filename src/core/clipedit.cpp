@@ -3,7 +3,7 @@
 // holds one reference on every packet in its array, so an edit is a matter
 // of pointer moves and retain/release pairs.
 #include "core/clip.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 
 #include <algorithm>
@@ -36,7 +36,7 @@ bool range_is_valid(int first, int last, int count)
 Clip* Clip::copy(int first, int last, int* err)
 {
     if (!range_is_valid(first, last, packet_count)) {
-        set_error(err, fourcc("EPnm"));
+        set_error(err, kErrPacketNumber);
         return nullptr;
     }
     const int count = last - first + 1;
@@ -46,14 +46,14 @@ Clip* Clip::copy(int first, int last, int* err)
     // relocate anything.
     Clip* result = NewClip(nullptr);
     if (result == nullptr) {
-        set_error(err, fourcc("EUnk"));
+        set_error(err, kErrUnknown);
         return nullptr;
     }
     Packet** array = new (std::nothrow) Packet*[static_cast<size_t>(count)];
     if (array == nullptr) {
         result->close(nullptr);
         delete result;
-        set_error(err, fourcc("EUnk"));
+        set_error(err, kErrUnknown);
         return nullptr;
     }
     std::copy(packets + first, packets + last + 1, array);
@@ -109,7 +109,7 @@ void Clip::insert(int at, Clip* other, int* err)
     const int added = other->packet_count;
     const long long total = static_cast<long long>(packet_count) + added;
     if (total > INT_MAX) {
-        set_error(err, fourcc("EUnk"));
+        set_error(err, kErrUnknown);
         return;
     }
     at = std::min(std::max(at, 0), packet_count);
@@ -131,7 +131,7 @@ void Clip::insert(int at, Clip* other, int* err)
     if (other == this) {
         snapshot = new (std::nothrow) Packet*[static_cast<size_t>(added)];
         if (snapshot == nullptr) {
-            set_error(err, fourcc("EUnk"));
+            set_error(err, kErrUnknown);
             return;
         }
         std::copy(packets, packets + added, snapshot);
@@ -144,7 +144,7 @@ void Clip::insert(int at, Clip* other, int* err)
         Packet** grown = new (std::nothrow) Packet*[static_cast<size_t>(new_count)];
         if (grown == nullptr) {
             delete[] snapshot;
-            set_error(err, fourcc("EUnk"));
+            set_error(err, kErrUnknown);
             return;
         }
         std::copy(packets, packets + at, grown);
@@ -185,7 +185,7 @@ long long Clip::total_frames() const
 void Clip::set_trims(int start, int end, int* err)
 {
     if (start < 0 || end < 0 || static_cast<long long>(start) + end >= total_frames()) {
-        set_error(err, fourcc("Eprm"));
+        set_error(err, kErrParameter);
         return;
     }
     start_trim = start;

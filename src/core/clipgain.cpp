@@ -5,7 +5,7 @@
 // packet that someone else also holds first replaces it in this clip by a
 // private copy (copy-on-write).
 #include "core/clip.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 
 #include <climits>
@@ -44,7 +44,7 @@ bool copy_on_write(Clip* clip, int index, int* err)
         return true;
     Packet* own = shared->copy();
     if (own == nullptr) {
-        set_error(err, fourcc("Epcp"));
+        set_error(err, kErrPacketCopy);
         return false;
     }
     clip->packets[index] = own;
@@ -120,7 +120,7 @@ float Clip::packet_gain(int packet, int* err)
 {
     const Packet* p = get_packet(packet);
     if (p == nullptr) {
-        set_error(err, fourcc("EPnm"));
+        set_error(err, kErrPacketNumber);
         return 0.0f;
     }
     return p->gain;
@@ -129,11 +129,11 @@ float Clip::packet_gain(int packet, int* err)
 void Clip::packet_gain(int packet, float gain, int* err)
 {
     if (get_packet(packet) == nullptr) {
-        set_error(err, fourcc("EPnm"));
+        set_error(err, kErrPacketNumber);
         return;
     }
     if (!(gain >= 0.0f)) {
-        set_error(err, fourcc("Eprm"));
+        set_error(err, kErrParameter);
         return;
     }
     if (gain == packets[packet]->gain)
@@ -148,7 +148,7 @@ float Clip::packet_gain_quantize(int packet, int* err)
 {
     Packet* p = get_packet(packet);
     if (p == nullptr) {
-        set_error(err, fourcc("EPnm"));
+        set_error(err, kErrPacketNumber);
         return 0.0f;
     }
     const float stepped = p->quantized_gain();
@@ -160,11 +160,11 @@ float Clip::packet_gain_nearest(int packet, float wanted, int* err)
 {
     Packet* p = get_packet(packet);
     if (p == nullptr) {
-        set_error(err, fourcc("EPnm"));
+        set_error(err, kErrPacketNumber);
         return 0.0f;
     }
     if (!(wanted >= 0.0f)) {
-        set_error(err, fourcc("Eprm"));
+        set_error(err, kErrParameter);
         return 0.0f;
     }
     packet_gain(packet, p->storable_gain(wanted), err);
@@ -176,7 +176,7 @@ float Clip::packet_gain_applied(int packet, int* err)
 {
     Packet* p = get_packet(packet);
     if (p == nullptr) {
-        set_error(err, fourcc("EPnm"));
+        set_error(err, kErrPacketNumber);
         return 0.0f;
     }
     return p->quantized_gain();
@@ -186,21 +186,21 @@ void Clip::log_fade(int first, int last, float from, float to, int* err)
 {
     set_error(err, 0);
     if (!range_is_valid(first, last, packet_count)) {
-        set_error(err, fourcc("EPnm"));
+        set_error(err, kErrPacketNumber);
         return;
     }
     if (!level_is_valid(from) || !level_is_valid(to)) {
-        set_error(err, fourcc("Eprm"));
+        set_error(err, kErrParameter);
         return;
     }
 
     const long long total = frames_in(this, first, last);
     if (total < 0) {
-        set_error(err, fourcc("EILC"));
+        set_error(err, kErrInternal);
         return;
     }
     if (total > INT_MAX || static_cast<unsigned long long>(total) > SIZE_MAX / sizeof(float)) {
-        set_error(err, fourcc("EUnk"));
+        set_error(err, kErrUnknown);
         return;
     }
     const int frames = static_cast<int>(total);
@@ -208,7 +208,7 @@ void Clip::log_fade(int first, int last, float from, float to, int* err)
     // frames.
     auto* factors = static_cast<float*>(std::malloc(sizeof(float) * (static_cast<size_t>(frames) + 1)));
     if (factors == nullptr) {
-        set_error(err, fourcc("EUnk"));
+        set_error(err, kErrUnknown);
         return;
     }
     fill_fade_factors(factors, frames, from, to);
@@ -218,7 +218,7 @@ void Clip::log_fade(int first, int last, float from, float to, int* err)
     for (int i = first; i <= last; ++i) {
         const int length = packets[i]->frame_count;
         if (length < 0 || length > frames - used) {
-            set_error(err, fourcc("EILC"));
+            set_error(err, kErrInternal);
             break;
         }
         if (!copy_on_write(this, i, err))
@@ -229,7 +229,7 @@ void Clip::log_fade(int first, int last, float from, float to, int* err)
         // The envelope changes the packet's shape, which the cache holds.
         p->wave_cache_valid = 0;
         if (!had_envelope && length > 0 && p->envelope == nullptr) {
-            set_error(err, fourcc("EUnk"));
+            set_error(err, kErrUnknown);
             break;
         }
         used += length;
@@ -241,7 +241,7 @@ void Clip::log_fade_remove(int first, int last, int* err)
 {
     set_error(err, 0);
     if (!range_is_valid(first, last, packet_count)) {
-        set_error(err, fourcc("EPnm"));
+        set_error(err, kErrPacketNumber);
         return;
     }
     for (int i = first; i <= last; ++i) {
@@ -309,7 +309,7 @@ Clip* Clip::convert_gains_and_envelopes_to_gains(int* err)
                 const long long frame = target_frames > 0 ? centre * run_frames / target_frames : 0;
                 float factor = 0.0f;
                 if (!run_factor_at(this, s, run_last, frame, &factor)) {
-                    code = fourcc("EILC");
+                    code = kErrInternal;
                     break;
                 }
                 if (!scale_gain(result, t, factor, &code))

@@ -5,7 +5,7 @@
 #include "core/clip.h"
 #include "core/clipdecoder.h"
 #include "core/clipencoder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "core/progress.h"
 #include "core/silentclip.h"
@@ -23,20 +23,20 @@ int store_packet(FILE* scratch, BSFile* store, ClipEncoder* encoder, Clip* resul
                  int size)
 {
     if (fseeko(scratch, 0, SEEK_END) != 0)
-        return fourcc("EIO ");
+        return kErrIo;
     const off_t offset = ftello(scratch);
     if (offset < 0 || fwrite(bytes, 1, static_cast<size_t>(size), scratch) != static_cast<size_t>(size))
-        return fourcc("EIO ");
+        return kErrIo;
     // Packets are read back with positioned reads on the descriptor.
     if (fflush(scratch) != 0)
-        return fourcc("EIO ");
+        return kErrIo;
     BSHandleFile* handle = store->NewHandle(offset, size);
     if (handle == nullptr)
-        return fourcc("Etrn");
+        return kErrTranscode;
     Packet* packet = encoder->packet_with_storage(handle);
     handle->release();
     if (packet == nullptr)
-        return fourcc("Etrn");
+        return kErrTranscode;
     result->add_packet(packet);
     packet->release();
     return 0;
@@ -49,7 +49,7 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
     *err = 0;
     const int count = last - first + 1;
     if (first < 0 || last >= source->packet_count || count < 1) {
-        *err = fourcc("EPnm");
+        *err = kErrPacketNumber;
         return nullptr;
     }
 
@@ -60,7 +60,7 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
     if (encoder == nullptr || decoder == nullptr) {
         delete encoder;
         delete decoder;
-        *err = fourcc("Ecod");
+        *err = kErrCodec;
         return nullptr;
     }
 
@@ -68,7 +68,7 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
     if (scratch == nullptr) {
         delete encoder;
         delete decoder;
-        *err = fourcc("Efow");
+        *err = kErrOpenWrite;
         return nullptr;
     }
     BSFile* store = new BSFile(scratch);
@@ -78,7 +78,7 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
         store->release_owner();
         delete encoder;
         delete decoder;
-        *err = fourcc("Etrn");
+        *err = kErrTranscode;
         return nullptr;
     }
 
@@ -100,7 +100,7 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
         float* buffers[2] = {left.data(), right.data()};
 
         int frames = decoder->packet_decode(i, buffers, err, -1.0f);
-        if (*err == fourcc("Ersz")) {
+        if (*err == kErrPacketBytes) {
             // An undecodable packet becomes silence of its nominal length.
             *err = 0;
             std::fill(left.begin(), left.end(), 0.0f);
@@ -113,7 +113,7 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
         frames = std::min(std::max(frames, 0), frames_expected);
 
         if (encoder->put_data(buffers, frames) < frames) {
-            *err = fourcc("Etrn");
+            *err = kErrTranscode;
             break;
         }
         for (;;) {
@@ -128,7 +128,7 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
         if (*err != 0)
             break;
         if (!throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i)))
-            *err = fourcc("Ebrk");
+            *err = kErrCancelled;
     }
 
     delete encoder;
@@ -140,20 +140,20 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
     }
     result->update_stream_info();
     if (glitch)
-        *err = fourcc("Egga");
+        *err = kErrSavedWithErrors;
     return result;
 }
 
 Clip* Clip::create_silent(int packets_wanted, int* err, _kel_progress_ext_t* progress)
 {
     if (packets_wanted < 1) {
-        *err = fourcc("EPnm");
+        *err = kErrPacketNumber;
         return nullptr;
     }
     int ignored = 0;
     const int frames = packet_frame_count(0, &ignored);
     if (frames == 0) {
-        *err = fourcc("Empt");
+        *err = kErrEmpty;
         return nullptr;
     }
     // Silence of this clip's packet length, transcoded into this format by

@@ -1,6 +1,7 @@
 // Four-character codes: four ASCII characters read as one big-endian
-// 32-bit integer ("EPnm" == 0x45506E6D). Error codes, chunk identifiers and
-// codec subtypes are all written through this one helper.
+// 32-bit integer ("EPnm" == 0x45506E6D). Chunk identifiers, codec subtypes
+// and the error codes (by name in errorcodes.h) are all written through
+// this one helper.
 #ifndef KEL_CORE_FOURCC_H
 #define KEL_CORE_FOURCC_H
 

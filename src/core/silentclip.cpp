@@ -1,7 +1,7 @@
 #include "core/silentclip.h"
 
 #include "core/clipdecoder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 
 #include <algorithm>
@@ -11,8 +11,8 @@ namespace KEL {
 
 namespace {
 
-// A packet without stored bytes. Its type is never asked for; it answers
-// as 16-bit PCM, which is what its silence would be stored as.
+// A packet without stored bytes. Nothing asks a transcoding source for its
+// packet type; it reports that of the engine's scratch PCM packets.
 class SilentPacket : public Packet {
 public:
     SilentPacket(float sample_rate, int frames) : Packet(0, sample_rate, 1, frames, nullptr) {}
@@ -45,11 +45,11 @@ SilentClip* SilentClip::create(float sample_rate, int count, int frames, int* er
 {
     *err = 0;
     if (count < 1) {
-        *err = fourcc("EPnm");
+        *err = kErrPacketNumber;
         return nullptr;
     }
     if (frames < 1 || frames > INT_MAX / 2) {
-        *err = fourcc("Eprm");
+        *err = kErrParameter;
         return nullptr;
     }
     auto* clip = new SilentClip(sample_rate);
@@ -64,8 +64,8 @@ SilentClip* SilentClip::create(float sample_rate, int count, int frames, int* er
 int SilentClip::save_to(const char*, const void*, int, const void*, int, int* err, _kel_progress_ext_t*)
 {
     if (err != nullptr)
-        *err = fourcc("Eprm");
-    return fourcc("Eprm");
+        *err = kErrParameter;
+    return kErrParameter;
 }
 
 void SilentClip::get_info(_kel_clip_info_t* info)
@@ -104,7 +104,7 @@ int SilentClip::packet_decode_play(int packet, float** buffers, int* err, float)
 bool SilentClip::will_accept(Clip*, int* err)
 {
     if (err != nullptr)
-        *err = fourcc("Eclt");
+        *err = kErrClipType;
     return false;
 }
 

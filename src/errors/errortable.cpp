@@ -1,6 +1,6 @@
 #include "errors/errortable.h"
 
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 
 #include <libintl.h>
 
@@ -29,91 +29,91 @@ static constexpr std::array<CodeText, 36> kMessages = {{
     // success, should an error object be asked for it
     {0, "A 'No error' error occured (Weird, huh?).\n\nPlease contact"},
     // "EUnk" unknown error or failed allocation
-    {fourcc("EUnk"), "An unknown error has occurred.\n\nPlease contact"},
+    {kErrUnknown, "An unknown error has occurred.\n\nPlease contact"},
     // "EILC" internal error
-    {fourcc("EILC"), "An unknown internal error occurred.\n\nPlease contact"},
+    {kErrInternal, "An unknown internal error occurred.\n\nPlease contact"},
     // "Efop" file cannot be opened for reading
-    {fourcc("Efop"), "The file could not be opened for reading.\n\nPlease contact"},
+    {kErrOpen, "The file could not be opened for reading.\n\nPlease contact"},
     // "EIO " input/output error
-    {fourcc("EIO "), "An IO error occurred. Please check the file's permissions by selecting Get Info "
+    {kErrIo, "An IO error occurred. Please check the file's permissions by selecting Get Info "
                      "in the Finder then try again."},
     // "Efor" file cannot be opened for reading (permissions)
-    {fourcc("Efor"), "The file could not be opened for reading. Please check the file's permissions by "
+    {kErrOpenRead, "The file could not be opened for reading. Please check the file's permissions by "
                      "selecting Get Info in the Finder then try again."},
     // "Efow" file cannot be saved there
-    {fourcc("Efow"),
+    {kErrOpenWrite,
      "The file could not be saved to the selected location. Please select a new destination."},
     // "Efmu" unrecognised format
-    {fourcc("Efmu"), "Unrecognized format."},
+    {kErrFormatUnrecognized, "Unrecognized format."},
     // "Efms" unsupported format
-    {fourcc("Efms"), "Unsupported format."},
+    {kErrFormatUnsupported, "Unsupported format."},
     // "Eeof" unexpected end of file
-    {fourcc("Eeof"),
+    {kErrEof,
      "The end of the file was unexpectedly reached. This file is corrupt and can not be read."},
     // "Eaif" corrupt AIFF file
-    {fourcc("Eaif"), "This AIFF file is corrupt and can not be read."},
+    {kErrCorruptAiff, "This AIFF file is corrupt and can not be read."},
     // "Eaac" corrupt AAC file
-    {fourcc("Eaac"), "This AAC file is corrupt and can not be read."},
+    {kErrCorruptAac, "This AAC file is corrupt and can not be read."},
     // "Emp3" corrupt MP3 file
-    {fourcc("Emp3"), "This MP3 file is corrupt and can not be read."},
+    {kErrCorruptMp3, "This MP3 file is corrupt and can not be read."},
     // "Ealc" corrupt Apple Lossless file
-    {fourcc("Ealc"), "This Apple Lossless file is corrupt and can not be read."},
+    {kErrCorruptAlac, "This Apple Lossless file is corrupt and can not be read."},
     // "Ewav" corrupt WAVE file
-    {fourcc("Ewav"), "This WAVE file is corrupt and can not be read."},
+    {kErrCorruptWave, "This WAVE file is corrupt and can not be read."},
     // "Ecaf" corrupt CAF file
-    {fourcc("Ecaf"), "This CAF file is corrupt and can not be read."},
+    {kErrCorruptCaf, "This CAF file is corrupt and can not be read."},
     // "EPnm" packet number out of range
-    {fourcc("EPnm"), "An invalid packet number was reached.\n\nPlease contact"},
+    {kErrPacketNumber, "An invalid packet number was reached.\n\nPlease contact"},
     // "Eclt" wrong clip type
-    {fourcc("Eclt"), "An invalid clip type error occurred.\n\nPlease contact"},
+    {kErrClipType, "An invalid clip type error occurred.\n\nPlease contact"},
     // "Ecld" clip formats do not match
-    {fourcc("Ecld"), "A clip format mismatch occurred.\n\nPlease contact"},
+    {kErrClipMismatch, "A clip format mismatch occurred.\n\nPlease contact"},
     // "Enot" not implemented
-    {fourcc("Enot"), "This function is not properly implemented.\n\nPlease contact"},
+    {kErrNotImplemented, "This function is not properly implemented.\n\nPlease contact"},
     // "Ecod" codec initialisation
-    {fourcc("Ecod"), "A codec initialization error occurred.\n\nPlease contact"},
+    {kErrCodec, "A codec initialization error occurred.\n\nPlease contact"},
     // "Empt" empty clip
-    {fourcc("Empt"), "An empty clip error occurred.\n\nPlease contact"},
+    {kErrEmpty, "An empty clip error occurred.\n\nPlease contact"},
     // "Eprm" bad parameter
-    {fourcc("Eprm"), "A bad parameter error occurred.\n\nPlease contact"},
+    {kErrParameter, "A bad parameter error occurred.\n\nPlease contact"},
     // "Escl" bad overview scale
-    {fourcc("Escl"), "A bad overview scale factor error occurred.\n\nPlease contact"},
+    {kErrScale, "A bad overview scale factor error occurred.\n\nPlease contact"},
     // "Edec" packet decoding
-    {fourcc("Edec"), "An error in packet decoding occurred.\n\nPlease contact"},
+    {kErrDecode, "An error in packet decoding occurred.\n\nPlease contact"},
     // "Esup" operation not supported
-    {fourcc("Esup"), "This operation is not supported.\n\nPlease contact"},
+    {kErrUnsupported, "This operation is not supported.\n\nPlease contact"},
     // "Ebef" end of data inside the bitstream
-    {fourcc("Ebef"), "The end of the file in was unexpectedly reached in the bitstream. This file is "
+    {kErrBitstreamEnd, "The end of the file in was unexpectedly reached in the bitstream. This file is "
                      "corrupt and can not be read."},
     // "Ebps" bitstream parse error
-    {fourcc("Ebps"),
+    {kErrBitstreamParse,
      "A parse error in the bitstream occurred. This file is corrupt and can not be read."},
     // "Ebrk" cancelled through the progress callback
-    {fourcc("Ebrk"), "A 'User Canceled' error occured.\n\nPlease contact"},
+    {kErrCancelled, "A 'User Canceled' error occured.\n\nPlease contact"},
     // "Epcp" packet copy
-    {fourcc("Epcp"), "A packet copy failue occurred.\n\nPlease contact"},
+    {kErrPacketCopy, "A packet copy failue occurred.\n\nPlease contact"},
     // "Etrn" packet transcoding
-    {fourcc("Etrn"), "A packet transcode failure occurred.\n\nPlease contact"},
+    {kErrTranscode, "A packet transcode failure occurred.\n\nPlease contact"},
     // "Eenc" packet encoding
-    {fourcc("Eenc"), "A packet encode failure occurred.\n\nPlease contact"},
+    {kErrEncode, "A packet encode failure occurred.\n\nPlease contact"},
     // "Esmp" too many frames for the save format
-    {fourcc("Esmp"), "The file could not be saved because it is too long for the chosen save format. "
+    {kErrTooLong, "The file could not be saved because it is too long for the chosen save format. "
                      "Reduce the size by splitting or cutting, then save again."},
     // "Ebyt" too many bytes for the save format
-    {fourcc("Ebyt"), "The file could not be saved because the resulting file would be larger than the "
+    {kErrTooLarge, "The file could not be saved because the resulting file would be larger than the "
                      "chosen save format allows. Reduce the size by splitting or cutting the audio, "
                      "then save again."},
     // "Egga" saved with errors: the one warning
-    {fourcc("Egga"), "The file was saved with errors"},
+    {kErrSavedWithErrors, "The file was saved with errors"},
     // EISDIR, passed through unchanged by the savers (not a four-character code)
-    {21, "A directory with the same name already exists. Please use a different name."},
+    {kErrIsDirectory, "A directory with the same name already exists. Please use a different name."},
 }};
 
 // Recovery suggestions of their own. "__FILENAME__" is fused to its
 // neighbours: the insert brings the blanks.
 static constexpr std::array<CodeText, 1> kSuggestions = {{
     // "Egga" saved with errors
-    {fourcc("Egga"), "The file__FILENAME__could not be correctly saved because the original file is "
+    {kErrSavedWithErrors, "The file__FILENAME__could not be correctly saved because the original file is "
                      "corrupt. The file may contain audio glitches."},
 }};
 
@@ -121,7 +121,7 @@ static constexpr std::array<CodeText, 1> kSuggestions = {{
 // saved although some of its packets could not be carried over.
 static constexpr std::array<int32_t, 2> kNonFatal = {{
     0,              // success
-    fourcc("Egga"), // saved with errors
+    kErrSavedWithErrors, // saved with errors
 }};
 
 constexpr char kContactSuffix[] = "\n\nPlease contact";
@@ -143,6 +143,22 @@ constexpr bool rows_complete(const std::array<CodeText, N>& table)
 }
 static_assert(rows_complete(kMessages), "message table has a missing or repeated row");
 static_assert(rows_complete(kSuggestions), "suggestion table has a missing or repeated row");
+
+// The message rows are exactly 0 and the reported codes of errorcodes.h.
+constexpr bool rows_match_reported_codes()
+{
+    if (kMessages.size() != kReportedErrors.size() + 1 || kMessages[0].code != 0)
+        return false;
+    for (const int32_t code : kReportedErrors) {
+        bool found = false;
+        for (const CodeText& row : kMessages)
+            found = found || row.code == code;
+        if (!found)
+            return false;
+    }
+    return true;
+}
+static_assert(rows_match_reported_codes(), "the message table and errorcodes.h list different codes");
 
 } // namespace
 

@@ -1,5 +1,6 @@
 #include "m4a/aacbitreader.h"
 
+#include "core/errorcodes.h"
 #include "m4a/aactables.h"
 
 #include <algorithm>
@@ -10,7 +11,7 @@ namespace KEL {
 
 namespace {
 
-constexpr int32_t kUnsupported = fourcc("Ebps");
+constexpr int32_t kUnsupported = kErrBitstreamParse;
 
 // Table entries are 32-bit words.
 //

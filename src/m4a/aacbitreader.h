@@ -25,7 +25,7 @@
 #ifndef KEL_M4A_AACBITREADER_H
 #define KEL_M4A_AACBITREADER_H
 
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "coded/bitstream.h"
 
 #include <cstdint>
@@ -120,7 +120,7 @@ public:
     int error = 0;
 
 private:
-    static constexpr int32_t kEndOfData = fourcc("Ebef");
+    static constexpr int32_t kEndOfData = kErrBitstreamEnd;
 
     // One escape of codebook 11: a run of 1 bits ended by a 0, then 4 more
     // bits than the run is long.

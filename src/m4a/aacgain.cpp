@@ -1,6 +1,6 @@
 #include "m4a/aacgain.h"
 
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "m4a/aacbitreader.h"
 #include "m4a/aactables.h"
 
@@ -91,7 +91,7 @@ void skip_channel_body(AACBitReader& r, const IcsInfo& ics, int frequency_index)
     const uint16_t* offsets = short_windows ? aac_short_band_offsets(frequency_index, &table_bands)
                                             : aac_long_band_offsets(frequency_index, &table_bands);
     if (ics.max_sfb > table_bands) {
-        r.fail(fourcc("Ebps"));
+        r.fail(kErrBitstreamParse);
         return;
     }
 
@@ -114,7 +114,7 @@ void skip_channel_body(AACBitReader& r, const IcsInfo& ics, int frequency_index)
             if (r.error != 0)
                 return;
             if (length == 0 || band + length > ics.max_sfb) {
-                r.fail(fourcc("Ebps"));
+                r.fail(kErrBitstreamParse);
                 return;
             }
             sections[static_cast<size_t>(section_count++)] =
@@ -241,7 +241,7 @@ void walk_block(AACBitReader& r, int steps, int frequency_index)
     if (r.error != 0)
         return;
     if (id != kSingleChannel && id != kChannelPair) {
-        r.fail(fourcc("Ebps"));
+        r.fail(kErrBitstreamParse);
         return;
     }
     r.skip(4); // instance tag

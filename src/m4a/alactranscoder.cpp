@@ -2,7 +2,7 @@
 
 #include "codec/codectypes.h"
 #include "codec/component.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "m4a/clipm4alac.h"
 #include "m4a/packetm4alac.h"
 #include "pcm/kernels.h"
@@ -127,7 +127,7 @@ int ALACTranscoder::transcode(PacketM4ALAC* packet, unsigned char* out, int capa
         got = packet->decode_partial(floats, decoder, &err, -1.0f, bits_per_sample);
     }
     if (got < frames) {
-        if (err != fourcc("Ersz"))
+        if (err != kErrPacketBytes)
             return 0;
         // Bytes that cannot be read are saved as silence.
         std::fill(left.begin(), left.end(), 0.0f);

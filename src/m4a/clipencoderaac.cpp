@@ -4,6 +4,7 @@
 #include "codec/component.h"
 #include "core/bshandle.h"
 #include "core/byteorder.h"
+#include "core/errorcodes.h"
 #include "m4a/packetm4aac.h"
 
 #include <cmath>
@@ -111,7 +112,7 @@ const void* ClipEncoderAAC::packet_encode(int* size, bool flush, int* err)
     *size = 0;
     *err = 0;
     if (encoder == nullptr || output == nullptr) {
-        *err = fourcc("Ecod");
+        *err = kErrCodec;
         return nullptr;
     }
     float left[kFramesPerPacket];
@@ -123,18 +124,18 @@ const void* ClipEncoderAAC::packet_encode(int* size, bool flush, int* err)
     for (;;) {
         const int got = get_data(frames, kFramesPerPacket, sample_rate, flush);
         if (got != 0 && got != kFramesPerPacket) {
-            *err = fourcc("Eenc");
+            *err = kErrEncode;
             return nullptr;
         }
         if (got == 0 && !flush)
             return nullptr;
         if (got != 0 && !append_block(frames)) {
-            *err = fourcc("Eenc");
+            *err = kErrEncode;
             return nullptr;
         }
         const int bytes = produce();
         if (bytes < 0) {
-            *err = fourcc("Eenc");
+            *err = kErrEncode;
             return nullptr;
         }
         if (bytes > 0 || !flush || got == 0) {

@@ -3,7 +3,7 @@
 #include "codec/codectypes.h"
 #include "codec/component.h"
 #include "core/bshandle.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "m4a/packetm4alac.h"
 #include "pcm/kernels.h"
 
@@ -93,7 +93,7 @@ const void* ClipEncoderALAC::packet_encode(int* size, bool flush, int* err)
     *err = 0;
     *size = 0;
     if (encoder == nullptr || buffer == nullptr) {
-        *err = fourcc("Ecod");
+        *err = kErrCodec;
         return nullptr;
     }
     float* floats[2] = {frames_[0].data(), frames_[1].data()};
@@ -101,7 +101,7 @@ const void* ClipEncoderALAC::packet_encode(int* size, bool flush, int* err)
     if (frames == 0)
         return nullptr;
     if (frames != frames_per_packet) {
-        *err = fourcc("Eenc");
+        *err = kErrEncode;
         return nullptr;
     }
 
@@ -123,7 +123,7 @@ const void* ClipEncoderALAC::packet_encode(int* size, bool flush, int* err)
     if (audio_codec_append_input_data(encoder, pcm_.data(), &in_bytes, &in_packets, nullptr) != 0 ||
         audio_codec_produce_output_packets(encoder, buffer, &out_bytes, &out_packets, nullptr, &status) != 0 ||
         (status != kProduceOutput && status != kProduceOutputMore)) {
-        *err = fourcc("Eenc");
+        *err = kErrEncode;
         return nullptr;
     }
     *size = static_cast<int>(out_bytes);

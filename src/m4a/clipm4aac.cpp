@@ -3,7 +3,7 @@
 #include "codec/codectypes.h"
 #include "core/bsfile.h"
 #include "core/bshandlefile.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "core/progress.h"
 #include "m4a/clipencoderaac.h"
@@ -38,11 +38,11 @@ M4A_ParserAAC* parse_file(const char* path, FILE*& file, int& code)
 {
     file = std::fopen(path, "r");
     if (file == nullptr) {
-        code = fourcc("Efor");
+        code = kErrOpenRead;
         return nullptr;
     }
     auto* parser = new (std::nothrow) M4A_ParserAAC();
-    code = parser == nullptr ? fourcc("EUnk") : parser->parse(file);
+    code = parser == nullptr ? kErrUnknown : parser->parse(file);
     if (code != 0) {
         delete parser;
         std::fclose(file);
@@ -110,7 +110,7 @@ int ClipM4AAC::packet_preroll_count(int index, int* err)
 {
     if (index < 0 || index >= packet_count) {
         if (err != nullptr)
-            *err = fourcc("EPnm");
+            *err = kErrPacketNumber;
     }
     return 0;
 }
@@ -120,10 +120,10 @@ bool ClipM4AAC::will_accept(Clip* other, int* err)
     int code = 0;
     auto* aac = dynamic_cast<ClipM4AAC*>(other);
     if (aac == nullptr)
-        code = fourcc("Eclt");
+        code = kErrClipType;
     else if (aac->channels != channels || aac->sample_rate != sample_rate ||
              aac->nominal_bit_rate != nominal_bit_rate)
-        code = fourcc("Ecld");
+        code = kErrClipMismatch;
     if (err != nullptr)
         *err = code;
     return code == 0;
@@ -147,12 +147,12 @@ Clip* ClipM4AAC::NewClip(BSFile* file)
 ClipM4AAC* ClipM4AAC::create_empty(int channels, float sample_rate, int bit_rate, int* err)
 {
     if ((channels != 1 && channels != 2) || !(sample_rate >= 0.0f)) {
-        *err = fourcc("Eprm");
+        *err = kErrParameter;
         return nullptr;
     }
     auto* clip = new (std::nothrow) ClipM4AAC(channels, sample_rate, bit_rate, nullptr);
     if (clip == nullptr)
-        *err = fourcc("EUnk");
+        *err = kErrUnknown;
     return clip;
 }
 
@@ -160,7 +160,7 @@ int ClipM4AAC::detect(const char* path)
 {
     FILE* f = std::fopen(path, "r");
     if (f == nullptr)
-        return fourcc("Efor");
+        return kErrOpenRead;
     const int code = M4A_ParserAAC::detect(f);
     std::fclose(f);
     return code;
@@ -180,7 +180,7 @@ ClipM4AAC* ClipM4AAC::open(const char* path, int* err, _kel_progress_ext_t* prog
     int nominal = 0;
     parser->get_m4a_info(&channels, &rate, &nominal, nullptr);
     auto* clip = new (std::nothrow) ClipM4AAC(channels, rate, nominal, nullptr);
-    code = clip == nullptr ? fourcc("EUnk") : clip->load(path, parser, progress);
+    code = clip == nullptr ? kErrUnknown : clip->load(path, parser, progress);
     if (code == 0 && !parser->edit_trims(clip->total_frames(), clip->start_trim, clip->end_trim))
         clip->start_trim = clip->end_trim = 0;
     delete parser;
@@ -199,16 +199,16 @@ ClipM4AAC* ClipM4AAC::open(const char* path, int* err, _kel_progress_ext_t* prog
 int ClipM4AAC::load(const char* path, M4A_Parser* parser, _kel_progress_ext_t* progress)
 {
     if (codec == nullptr && !init_codec())
-        return fourcc("Ecod");
+        return kErrCodec;
     if (backing_file != nullptr)
-        return fourcc("EILC");
+        return kErrInternal;
     report_progress(progress, 0.0f);
     BSFile* store = new (std::nothrow) BSFile();
     if (store == nullptr)
-        return fourcc("EUnk");
+        return kErrUnknown;
     if (!store->open(path)) {
         delete store;
-        return fourcc("Efor");
+        return kErrOpenRead;
     }
     backing_file = store;
 
@@ -222,24 +222,24 @@ int ClipM4AAC::load(const char* path, M4A_Parser* parser, _kel_progress_ext_t* p
         int rate = 0;
         if (parser->get_packet_info(i, &offset, &size, &frames) == 0 || size < 0 ||
             !packet_bit_rate(size, sample_rate, frames, rate)) {
-            code = fourcc("Eaac");
+            code = kErrCorruptAac;
             break;
         }
         BSHandle* handle = store->NewHandle(offset, size);
         if (handle == nullptr) {
-            code = fourcc("EILC");
+            code = kErrInternal;
             break;
         }
         auto* packet = new (std::nothrow) PacketM4AAC(rate, sample_rate, channels, frames, handle);
         handle->release();
         if (packet == nullptr) {
-            code = fourcc("EUnk");
+            code = kErrUnknown;
             break;
         }
         add_packet(packet);
         packet->release();
         if (!throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i)))
-            return fourcc("Ebrk");
+            return kErrCancelled;
     }
     update_stream_info();
     if (nominal_bit_rate == 0)
@@ -275,7 +275,7 @@ int ClipM4AAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_prog
         int packet_rate = 0;
         if (parser->get_packet_info(i, nullptr, &size, &frames) == 0 || size < 0 ||
             !packet_bit_rate(size, rate, frames, packet_rate)) {
-            code = fourcc("Eaac");
+            code = kErrCorruptAac;
             break;
         }
         total_bytes += size;
@@ -285,14 +285,14 @@ int ClipM4AAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_prog
         else if (packet_rate != first_rate)
             constant = false;
         if (!throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i)))
-            code = fourcc("Ebrk");
+            code = kErrCancelled;
     }
     delete parser;
     std::fclose(f);
     if (code != 0)
         return code;
     if (count == 0)
-        return fourcc("Empt");
+        return kErrEmpty;
 
     const double seconds = rate > 0.0f ? static_cast<double>(total_frames) / static_cast<double>(rate) : 0.0;
     info->format = KEL_FORMAT_AAC;
@@ -320,7 +320,7 @@ int ClipM4AAC::save_to(const char* path, const void* first_block, int first_leng
         envelopes = envelopes || packets[i]->envelope != nullptr;
 
     if (packet_count == 0) {
-        code = fourcc("Empt");
+        code = kErrEmpty;
     } else if (envelopes) {
         Clip* plain = convert_gains_and_envelopes_to_gains(&code);
         if (plain != nullptr) {
@@ -331,19 +331,19 @@ int ClipM4AAC::save_to(const char* path, const void* first_block, int first_leng
     } else {
         FILE* f = std::fopen(path, "w+");
         if (f == nullptr) {
-            code = fourcc("Efow");
+            code = kErrOpenWrite;
         } else {
             auto* saver = new (std::nothrow) M4A_SaverAAC(f);
             if (saver != nullptr && (start_trim > 0 || end_trim > 0))
                 saver->set_edit(static_cast<uint32_t>(start_trim),
                                 static_cast<uint32_t>(total_frames() - start_trim - end_trim));
-            code = saver == nullptr ? fourcc("EUnk")
+            code = saver == nullptr ? kErrUnknown
                                     : saver->save(packets, packet_count, channels, sample_rate, nominal_bit_rate,
                                                   first_block, first_length, second_block, second_length,
                                                   progress);
             std::fclose(f);
             delete saver;
-            if (code != 0 && code != fourcc("Egga"))
+            if (code != 0 && code != kErrSavedWithErrors)
                 unlink(path);
         }
     }

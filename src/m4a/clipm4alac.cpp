@@ -5,7 +5,7 @@
 #include "core/bsfile.h"
 #include "core/bshandlefile.h"
 #include "core/bshandlemem.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/progress.h"
 #include "m4a/alactranscoder.h"
 #include "m4a/clipencoderalac.h"
@@ -45,12 +45,12 @@ M4A_ParserALAC* parse_file(const char* path, int* err)
 {
     FILE* f = std::fopen(path, "r");
     if (f == nullptr) {
-        *err = fourcc("Efor");
+        *err = kErrOpenRead;
         return nullptr;
     }
     auto* parser = new (std::nothrow) M4A_ParserALAC();
     if (parser == nullptr) {
-        *err = fourcc("EUnk");
+        *err = kErrUnknown;
     } else {
         *err = parser->parse(f);
         if (*err != 0) {
@@ -129,17 +129,17 @@ int ClipM4ALAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& 
 {
     warm = 0;
     if (index < 0 || index >= packet_count) {
-        *error = fourcc("EPnm");
+        *error = kErrPacketNumber;
         return 0;
     }
     if (decoder == nullptr) {
-        *error = fourcc("Ecod");
+        *error = kErrCodec;
         return 0;
     }
     audio_codec_reset(decoder);
     auto* packet = dynamic_cast<PacketM4ALAC*>(get_packet(index));
     if (packet == nullptr) {
-        *error = fourcc("EILC");
+        *error = kErrInternal;
         return 0;
     }
     int frames = 0;
@@ -149,7 +149,7 @@ int ClipM4ALAC::packet_decode(ComponentInstanceRecord* decoder, int& last, int& 
         // One packet always decodes whole; a codec that still wants input
         // had nothing it could use.
         if (more)
-            *error = fourcc("Edec");
+            *error = kErrDecode;
     } else {
         frames = packet->decode_partial(out, decoder, error, gain, bits_per_sample);
     }
@@ -173,10 +173,10 @@ bool ClipM4ALAC::will_accept(Clip* other, int* err)
     int code = 0;
     auto* alac = dynamic_cast<ClipM4ALAC*>(other);
     if (alac == nullptr)
-        code = fourcc("Eclt");
+        code = kErrClipType;
     else if (alac->channels != channels || alac->sample_rate != sample_rate ||
              alac->bits_per_sample != bits_per_sample)
-        code = fourcc("Ecld");
+        code = kErrClipMismatch;
     if (err != nullptr)
         *err = code;
     return code == 0;
@@ -198,12 +198,12 @@ Clip* ClipM4ALAC::NewClip(BSFile* file)
 ClipM4ALAC* ClipM4ALAC::create_empty(int channels, float sample_rate, int bits, int* err)
 {
     if ((channels != 1 && channels != 2) || !(sample_rate >= 0.0f) || (bits != 16 && bits != 24)) {
-        *err = fourcc("Eprm");
+        *err = kErrParameter;
         return nullptr;
     }
     auto* clip = new (std::nothrow) ClipM4ALAC(channels, sample_rate, bits, 0, nullptr);
     if (clip == nullptr)
-        *err = fourcc("EUnk");
+        *err = kErrUnknown;
     return clip;
 }
 
@@ -211,7 +211,7 @@ int ClipM4ALAC::detect(const char* path)
 {
     FILE* f = std::fopen(path, "r");
     if (f == nullptr)
-        return fourcc("Efor");
+        return kErrOpenRead;
     const int code = M4A_ParserALAC::detect(f);
     std::fclose(f);
     return code;
@@ -230,7 +230,7 @@ ClipM4ALAC* ClipM4ALAC::open(const char* path, int* err, _kel_progress_ext_t* pr
     auto* clip = new (std::nothrow) ClipM4ALAC(channels, rate, bits, bit_rate, nullptr);
     if (clip == nullptr) {
         delete parser;
-        *err = fourcc("EUnk");
+        *err = kErrUnknown;
         return nullptr;
     }
     *err = clip->load(path, parser, progress);
@@ -248,13 +248,13 @@ ClipM4ALAC* ClipM4ALAC::open(const char* path, int* err, _kel_progress_ext_t* pr
 int ClipM4ALAC::load(const char* path, M4A_ParserALAC* parser, _kel_progress_ext_t* progress)
 {
     if (!init_codec())
-        return fourcc("Ecod");
+        return kErrCodec;
     (void)report_progress(progress, 0.0f);
     backing_file = new (std::nothrow) BSFile();
     if (backing_file == nullptr)
-        return fourcc("EUnk");
+        return kErrUnknown;
     if (!backing_file->open(path))
-        return fourcc("Efor");
+        return kErrOpenRead;
 
     int code = 0;
     const int count = parser->get_packet_count();
@@ -266,29 +266,29 @@ int ClipM4ALAC::load(const char* path, M4A_ParserALAC* parser, _kel_progress_ext
         // A packet the tables cannot place, or of a negative size, is
         // missing.
         if (parser->get_packet_info(i, &offset, &size, &frames) == 0 || size < 0) {
-            code = fourcc("Ealc");
+            code = kErrCorruptAlac;
             break;
         }
         BSHandleFile* handle = backing_file->NewHandle(offset, size);
         if (handle == nullptr) {
-            code = fourcc("EILC");
+            code = kErrInternal;
             break;
         }
         auto* packet = new (std::nothrow)
             PacketM4ALAC(packet_bit_rate(size, sample_rate, frames), sample_rate, channels, frames, handle);
         handle->release();
         if (packet == nullptr) {
-            code = fourcc("EUnk");
+            code = kErrUnknown;
             break;
         }
         const bool added = add_packet(packet);
         packet->release();
         if (!added) {
-            code = fourcc("EUnk");
+            code = kErrUnknown;
             break;
         }
         if (!throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i)))
-            return fourcc("Ebrk");
+            return kErrCancelled;
     }
     update_stream_info();
     (void)report_progress(progress, 100.0f);
@@ -311,7 +311,7 @@ int ClipM4ALAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_pro
     const int count = parser->get_packet_count();
     if (count == 0) {
         delete parser;
-        return fourcc("Empt");
+        return kErrEmpty;
     }
 
     (void)report_progress(progress, 0.0f);
@@ -325,7 +325,7 @@ int ClipM4ALAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_pro
         int size = 0;
         int frames = 0;
         if (parser->get_packet_info(i, &offset, &size, &frames) == 0 || size < 0) {
-            code = fourcc("Ealc");
+            code = kErrCorruptAlac;
             break;
         }
         total_bytes += size;
@@ -336,7 +336,7 @@ int ClipM4ALAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_pro
         else if (packet_rate != common_rate)
             constant = false;
         if (!throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i)))
-            code = fourcc("Ebrk");
+            code = kErrCancelled;
     }
     delete parser;
     if (code != 0)
@@ -387,12 +387,12 @@ int ClipM4ALAC::save_to(const char* path, const void* block1, int block1_len, co
 {
     *err = 0;
     if (packet_count == 0) {
-        *err = fourcc("Empt");
+        *err = kErrEmpty;
         return *err;
     }
     FILE* file = std::fopen(path, "w+");
     if (file == nullptr) {
-        *err = fourcc("Efow");
+        *err = kErrOpenWrite;
         return *err;
     }
     M4A_SaverALAC saver(file);
@@ -412,7 +412,7 @@ int ClipM4ALAC::save_to(const char* path, const void* block1, int block1_len, co
         Packet** list = transcoder.init(this) ? new (std::nothrow) Packet*[static_cast<size_t>(packet_count)]
                                               : nullptr;
         if (list == nullptr) {
-            *err = fourcc("Ecod");
+            *err = kErrCodec;
         } else {
             const int count = packet_count;
             copy_packets(list);
@@ -426,7 +426,7 @@ int ClipM4ALAC::save_to(const char* path, const void* block1, int block1_len, co
                 PacketM4ALAC* made =
                     source != nullptr ? packet_create_transcoded(&transcoder, source, &damaged) : nullptr;
                 if (made == nullptr) {
-                    *err = fourcc("Etrn");
+                    *err = kErrTranscode;
                     break;
                 }
                 list[i] = made;
@@ -447,9 +447,9 @@ int ClipM4ALAC::save_to(const char* path, const void* block1, int block1_len, co
     }
 
     if (*err == 0 && damaged)
-        *err = fourcc("Egga");
+        *err = kErrSavedWithErrors;
     std::fclose(file);
-    if (*err != 0 && *err != fourcc("Egga"))
+    if (*err != 0 && *err != kErrSavedWithErrors)
         std::remove(path);
     return *err;
 }

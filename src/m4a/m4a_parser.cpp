@@ -1,6 +1,7 @@
 #include "m4a/m4a_parser.h"
 
 #include "core/byteorder.h"
+#include "core/errorcodes.h"
 #include "core/fourcc.h"
 #include "m4a/m4aatoms.h"
 
@@ -187,32 +188,32 @@ bool M4A_Parser::offset_of(int index, long long& offset) const
 int M4A_Parser::detect_entry(FILE* file, const char* entry_path)
 {
     if (file == nullptr)
-        return fourcc("Efor");
+        return kErrOpenRead;
     unsigned char head[12] = {};
     if (fseeko(file, 0, SEEK_SET) == 0)
         (void)std::fread(head, 1, sizeof head, file);
     if (get_be32(head + 4) != static_cast<uint32_t>(fourcc("ftyp")))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     const uint32_t brand = get_be32(head + 8);
     if (brand != static_cast<uint32_t>(fourcc("M4A ")) && brand != static_cast<uint32_t>(fourcc("M4B ")) &&
         brand != static_cast<uint32_t>(fourcc("mp42")))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     if (!find_atom_and_index(file, entry_path, nullptr, nullptr))
-        return fourcc("Efms");
+        return kErrFormatUnsupported;
     return 0;
 }
 
 int M4A_Parser::read_at(FILE* file, long long offset, unsigned char* dest, size_t length)
 {
     if (fseeko(file, offset, SEEK_SET) != 0)
-        return std::feof(file) ? fourcc("Eeof") : fourcc("EIO ");
+        return std::feof(file) ? kErrEof : kErrIo;
     return read_next(file, dest, length);
 }
 
 int M4A_Parser::read_next(FILE* file, unsigned char* dest, size_t length)
 {
     if (std::fread(dest, 1, length, file) != length)
-        return std::feof(file) ? fourcc("Eeof") : fourcc("EIO ");
+        return std::feof(file) ? kErrEof : kErrIo;
     return 0;
 }
 

@@ -1,7 +1,7 @@
 #include "m4a/m4a_parseraac.h"
 
 #include "core/byteorder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "m4a/m4aatoms.h"
 
 #include <algorithm>
@@ -146,7 +146,7 @@ int M4A_ParserAAC::parse(FILE* file)
     int track = 0;
     long long at = 0;
     if (file == nullptr || !find_atom_and_index(file, kEntryPath, &track, &at))
-        return fourcc("Eaac");
+        return kErrCorruptAac;
     unsigned char entry[kEntryHeader];
     if (const int err = read_at(file, at, entry, sizeof entry))
         return err;
@@ -173,9 +173,9 @@ int M4A_ParserAAC::parse(FILE* file)
     }
 
     if (!plain_aac)
-        return fourcc("Efms");
+        return kErrFormatUnsupported;
     if (!load_tables(file, track))
-        return fourcc("Eaac");
+        return kErrCorruptAac;
     return 0;
 }
 

@@ -1,7 +1,7 @@
 #include "m4a/m4a_parseralac.h"
 
 #include "core/byteorder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "m4a/m4aatoms.h"
 
 #include <cstdint>
@@ -30,12 +30,12 @@ int M4A_ParserALAC::parse(FILE* file)
     int track = 0;
     long long at = 0;
     if (file == nullptr || !find_atom_and_index(file, kEntryPath, &track, &at))
-        return fourcc("Ealc");
+        return kErrCorruptAlac;
     unsigned char entry[kEntryHeader];
     if (const int err = read_at(file, at, entry, sizeof entry))
         return err;
     if (get_be16(entry + 16) != 0)
-        return fourcc("Efms");
+        return kErrFormatUnsupported;
     unsigned char config[kConfigAtom];
     if (const int err = read_next(file, config, sizeof config))
         return err;
@@ -48,7 +48,7 @@ int M4A_ParserALAC::parse(FILE* file)
     bits_per_sample = get_be16(config + 16);
 
     if (!load_tables(file, track))
-        return fourcc("Ealc");
+        return kErrCorruptAlac;
     return 0;
 }
 

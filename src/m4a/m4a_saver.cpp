@@ -2,6 +2,7 @@
 
 #include "core/bshandle.h"
 #include "core/byteorder.h"
+#include "core/errorcodes.h"
 #include "core/fourcc.h"
 #include "core/packet.h"
 #include "core/progress.h"
@@ -199,7 +200,7 @@ int M4A_Saver::build(Packet** packets, int count, int template_size)
         create_stsc(samples_per_chunk, last_chunk, last_chunk_samples);
     }
     if (moov == nullptr || stsz == nullptr || stts == nullptr || stco == nullptr || stsc == nullptr)
-        return fourcc("EILC");
+        return kErrInternal;
     return 0;
 }
 
@@ -211,7 +212,7 @@ int M4A_Saver::totals(long long& frames, long long& bytes) const
         const unsigned char* entry = stts + 16 + 8 * static_cast<size_t>(i);
         frames += static_cast<long long>(get_be32(entry)) * get_be32(entry + 4);
         if (frames > INT_MAX)
-            return fourcc("Esmp");
+            return kErrTooLong;
     }
     bytes = 0;
     const uint32_t count = get_be32(stsz + 16);
@@ -357,7 +358,7 @@ int M4A_Saver::write_packets(Packet** packets, int count, _kel_progress_ext_t* p
     const long long capacity = std::max<long long>(largest, std::min<long long>(total, kBlockBytes));
     auto* block = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(capacity)));
     if (block == nullptr)
-        return fourcc("EILC");
+        return kErrInternal;
     ProgressThrottle throttle(progress);
     long long used = 0;
     auto flush = [&]() {
@@ -372,7 +373,7 @@ int M4A_Saver::write_packets(Packet** packets, int count, _kel_progress_ext_t* p
         Packet* packet = packets[i];
         const int length = stored_length(packet);
         if (length > capacity - used && !flush()) {
-            result = fourcc("EIO ");
+            result = kErrIo;
             break;
         }
         if (length > 0) {
@@ -388,7 +389,7 @@ int M4A_Saver::write_packets(Packet** packets, int count, _kel_progress_ext_t* p
         (void)throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i));
     }
     if (result == 0 && used > 0 && !flush())
-        result = fourcc("EIO ");
+        result = kErrIo;
     std::free(block);
     return result;
 }

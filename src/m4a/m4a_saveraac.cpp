@@ -1,6 +1,7 @@
 #include "m4a/m4a_saveraac.h"
 
 #include "core/byteorder.h"
+#include "core/errorcodes.h"
 #include "core/fourcc.h"
 #include "core/progress.h"
 #include "m4a/m4aatoms.h"
@@ -126,11 +127,11 @@ int M4A_SaverAAC::save(Packet** packets, int count, int channels, float sample_r
                        _kel_progress_ext_t* progress)
 {
     if (build(packets, count, kTemplateSize) != 0)
-        return fourcc("EILC");
+        return kErrInternal;
     const uint32_t rate = truncated_rate(sample_rate);
     Chapters chapters;
     if (!scan_chapters(second_block, second_length, rate, chapters))
-        return fourcc("EILC");
+        return kErrInternal;
     struct Release {
         unsigned char* bytes;
         ~Release() { std::free(bytes); }
@@ -146,7 +147,7 @@ int M4A_SaverAAC::save(Packet** packets, int count, int channels, float sample_r
     const long long moov_size =
         kTemplateSize + edit_bytes() + static_cast<long long>(tables_size()) + chapters.trak_bytes + first_length;
     if (moov_size > 0xFFFFFFFFLL)
-        return fourcc("Ebyt");
+        return kErrTooLarge;
 
     fill_template(kTemplateSize, static_cast<uint32_t>(moov_size), time, rate, static_cast<uint32_t>(frames),
                   static_cast<uint32_t>(chapters.tracks + 2));
@@ -181,13 +182,13 @@ int M4A_SaverAAC::save(Packet** packets, int count, int channels, float sample_r
     if (chapters.bytes != nullptr)
         written += write_bytes(chapters.bytes + chapters.media_at, chapters.media_length);
     if (written != chapters.media_length + moov_size + 40)
-        return fourcc("EIO ");
+        return kErrIo;
 
     bool silenced = false;
     if (const int err = write_packets(packets, count, progress, silenced))
         return err;
     (void)report_progress(progress, 100.0f);
-    return silenced ? fourcc("Egga") : 0;
+    return silenced ? kErrSavedWithErrors : 0;
 }
 
 } // namespace KEL

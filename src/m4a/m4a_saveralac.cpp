@@ -1,6 +1,7 @@
 #include "m4a/m4a_saveralac.h"
 
 #include "core/byteorder.h"
+#include "core/errorcodes.h"
 #include "core/fourcc.h"
 #include "core/progress.h"
 #include "m4a/m4aatoms.h"
@@ -14,7 +15,7 @@ int M4A_SaverALAC::save(Packet** packets, int count, int channels, float sample_
                         const void* first_block, int first_length, const void*, int, _kel_progress_ext_t* progress)
 {
     if (build(packets, count, kTemplateSize) != 0)
-        return fourcc("EILC");
+        return kErrInternal;
     const uint32_t rate = truncated_rate(sample_rate);
     const uint32_t time = _get_carbon_time();
     long long frames = 0;
@@ -25,7 +26,7 @@ int M4A_SaverALAC::save(Packet** packets, int count, int channels, float sample_
         first_length = 0;
     const long long moov_size = kTemplateSize + edit_bytes() + static_cast<long long>(tables_size()) + first_length;
     if (moov_size > 0xFFFFFFFFLL)
-        return fourcc("Ebyt");
+        return kErrTooLarge;
 
     // Without chapter tracks the next free track id is 2 and the "chap"
     // reference keeps its three ids at 0.
@@ -78,13 +79,13 @@ int M4A_SaverALAC::save(Packet** packets, int count, int channels, float sample_
     put_be32(mdat + 4, static_cast<uint32_t>(fourcc("mdat")));
     written += write_bytes(mdat, sizeof mdat);
     if (written != moov_size + 40)
-        return fourcc("EIO ");
+        return kErrIo;
 
     bool silenced = false;
     if (const int err = write_packets(packets, count, progress, silenced))
         return err;
     (void)report_progress(progress, 100.0f);
-    return silenced ? fourcc("Egga") : 0;
+    return silenced ? kErrSavedWithErrors : 0;
 }
 
 } // namespace KEL

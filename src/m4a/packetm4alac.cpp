@@ -3,7 +3,7 @@
 #include "codec/codectypes.h"
 #include "codec/component.h"
 #include "core/bshandle.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -83,12 +83,12 @@ int PacketM4ALAC::decode_partial(float** out, ComponentInstanceRecord* codec, in
     const int F = frame_count;
     const int stored = handle != nullptr ? handle->size : -1;
     if (stored < 0 || stored > kMaxPacketBytes) {
-        *error = fourcc("Ersz");
+        *error = kErrPacketBytes;
         return 0;
     }
     const int sample_bytes = bits == 0 ? 4 : bits / 8;
     if (C < 1 || C > kMaxChannels || F < 0 || F > kMaxFrames || sample_bytes < 1 || sample_bytes > 4) {
-        *error = fourcc("Edec");
+        *error = kErrDecode;
         return 0;
     }
 
@@ -101,7 +101,7 @@ int PacketM4ALAC::decode_partial(float** out, ComponentInstanceRecord* codec, in
     PartialScratch& buffers = scratch();
     if (!reserve(buffers.input, std::max(static_cast<size_t>(stored), tail) + 1) ||
         !reserve(buffers.output, out_bytes)) {
-        *error = fourcc("EUnk");
+        *error = kErrUnknown;
         return 0;
     }
     unsigned char* input = buffers.input.data();
@@ -109,21 +109,21 @@ int PacketM4ALAC::decode_partial(float** out, ComponentInstanceRecord* codec, in
 
     const int count = get_bytes(input, gain);
     if (count != stored) {
-        *error = fourcc("Ersz");
+        *error = kErrPacketBytes;
         return 0;
     }
     uint32_t in_bytes = static_cast<uint32_t>(count);
     uint32_t in_packets = 1;
     const AudioStreamPacketDescription description{0, 0, static_cast<uint32_t>(count)};
     if (audio_codec_append_input_data(codec, input, &in_bytes, &in_packets, &description) != 0) {
-        *error = fourcc("Edec");
+        *error = kErrDecode;
         return 0;
     }
     std::memset(input, 0, tail);
     uint32_t tail_bytes = static_cast<uint32_t>(tail);
     uint32_t tail_packets = 0;
     if (audio_codec_append_input_data(codec, input, &tail_bytes, &tail_packets, nullptr) != 0) {
-        *error = fourcc("Edec");
+        *error = kErrDecode;
         return 0;
     }
 
@@ -133,7 +133,7 @@ int PacketM4ALAC::decode_partial(float** out, ComponentInstanceRecord* codec, in
     uint32_t status = 0;
     if (audio_codec_produce_output_packets(codec, output, &capacity, &out_packets, nullptr, &status) != 0 ||
         (status != kProduceOutput && status != kProduceOutputMore)) {
-        *error = fourcc("Edec");
+        *error = kErrDecode;
         return 0;
     }
     const int produced = std::min(static_cast<int>(capacity / frame_bytes), F);

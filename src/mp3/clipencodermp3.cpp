@@ -1,6 +1,6 @@
 #include "mp3/clipencodermp3.h"
 
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 
 #include <cstdlib>
 
@@ -90,14 +90,14 @@ const void* ClipEncoderMP3::packet_encode(int* size, bool flush, int* err)
 
     *err = 0;
     if (out == nullptr || lame == nullptr || !block_fits) {
-        *err = fourcc("Ecod");
+        *err = kErrCodec;
         return nullptr;
     }
     if (!flush && n == 0)
         return nullptr;
     if (n > 0 && n != frames_per_packet) {
         *size = 0;
-        *err = fourcc("Eenc");
+        *err = kErrEncode;
         return nullptr;
     }
 
@@ -116,7 +116,7 @@ const void* ClipEncoderMP3::packet_encode(int* size, bool flush, int* err)
     }
     if (bytes < 0) {
         *size = 0;
-        *err = fourcc("Eenc");
+        *err = kErrEncode;
         return nullptr;
     }
     *size = bytes;

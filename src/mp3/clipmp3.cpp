@@ -3,6 +3,7 @@
 #include "codec/codectypes.h"
 #include "core/bsfile.h"
 #include "core/bshandlefile.h"
+#include "core/errorcodes.h"
 #include "core/fourcc.h"
 #include "core/progress.h"
 #include "mp3/lametag.h"
@@ -129,7 +130,7 @@ bool skip_information_frame(FILE* f, long long& pos, LameTag& lame, bool& has_la
 int find_stream(FILE* f, long long pos, bool confident, Candidate& start, bool& found)
 {
     const int limit = confident ? kConfidentLimit : kUnsureLimit;
-    const int give_up = confident ? fourcc("Emp3") : fourcc("Efmu");
+    const int give_up = confident ? kErrCorruptMp3 : kErrFormatUnrecognized;
     int junk = 0;
     int bad_headers = 0;
     int mismatches = 0;
@@ -142,8 +143,8 @@ int find_stream(FILE* f, long long pos, bool confident, Candidate& start, bool& 
         const WordRead got = read_word(f, pos, word);
         if (got != WordRead::ok) {
             if (!confident)
-                return fourcc("Efmu");
-            return got == WordRead::end_of_file ? fourcc("Eeof") : fourcc("EIO ");
+                return kErrFormatUnrecognized;
+            return got == WordRead::end_of_file ? kErrEof : kErrIo;
         }
         if (!mpeg_has_sync(word)) {
             if (++junk > limit)
@@ -171,7 +172,7 @@ int find_stream(FILE* f, long long pos, bool confident, Candidate& start, bool& 
                             mpeg_packet_type(frame) == candidate.type && frame.layer == candidate.layer;
         if (agrees) {
             if (frame.layer != 3)
-                return fourcc("Efms");
+                return kErrFormatUnsupported;
             start = candidate;
             found = true;
             return 0;
@@ -213,7 +214,7 @@ int walk_stream(FILE* f, long long pos, long long size, const StreamMatch& match
         if (got == WordRead::end_of_file)
             return 0;
         if (got == WordRead::failed)
-            return fourcc("EIO ");
+            return kErrIo;
         mpeg_frame_t frame{};
         if (!mpeg_has_sync(word) || !decode_header(word, &frame) || !matches(frame, match)) {
             ++pos;
@@ -224,7 +225,7 @@ int walk_stream(FILE* f, long long pos, long long size, const StreamMatch& match
         const float percent =
             size > 0 ? static_cast<float>(static_cast<double>(pos) * 100.0 / static_cast<double>(size)) : 0.0f;
         if (!throttle.step(percent))
-            return fourcc("Ebrk");
+            return kErrCancelled;
         pos += frame.frame_length;
     }
 }
@@ -244,7 +245,7 @@ public:
     {
         PacketMP3* packet = frame(index);
         if (packet == nullptr) {
-            err = fourcc("EILC");
+            err = kErrInternal;
             return 0;
         }
         return packet->get_main_data_begin(err);
@@ -253,7 +254,7 @@ public:
     {
         PacketMP3* packet = frame(index);
         if (packet == nullptr) {
-            err = fourcc("EILC");
+            err = kErrInternal;
             return 0;
         }
         return packet->static_part_size(err);
@@ -335,12 +336,12 @@ bool ClipMP3::will_accept(Clip* other, int* err)
     int code = 0;
     auto* mp3 = dynamic_cast<ClipMP3*>(other);
     if (mp3 == nullptr) {
-        code = fourcc("Eclt");
+        code = kErrClipType;
     } else if (channels != mp3->channels || sample_rate != mp3->sample_rate ||
                mpeg_version() != mp3->mpeg_version() || stereo_mode != mp3->stereo_mode) {
         // The fields the two information records would hold, read directly:
         // filling the records would also settle both clips' stream figures.
-        code = fourcc("Ecld");
+        code = kErrClipMismatch;
     }
     if (err != nullptr)
         *err = code;
@@ -383,13 +384,13 @@ Clip* ClipMP3::NewClip(BSFile* file)
 Clip* ClipMP3::create_empty(int channels, float sample_rate, int bit_rate, bool, int* err)
 {
     if ((channels != 1 && channels != 2) || !(sample_rate >= 0.0f)) {
-        *err = fourcc("Eprm");
+        *err = kErrParameter;
         return nullptr;
     }
     const int mode = channels == 1 ? KELClipStereoModeSingleChannel : KELClipStereoModeJointStereo;
     auto* clip = new (std::nothrow) ClipMP3(channels, sample_rate, Packet::TypeMP3v1, mode, bit_rate, nullptr);
     if (clip == nullptr)
-        *err = fourcc("EUnk");
+        *err = kErrUnknown;
     return clip;
 }
 
@@ -404,7 +405,7 @@ Clip* ClipMP3::open(const char* path, int* err, _kel_progress_ext_t* progress, b
 {
     FILE* f = std::fopen(path, "r");
     if (f == nullptr) {
-        *err = fourcc("Efor");
+        *err = kErrOpenRead;
         return nullptr;
     }
     long long pos = 0;
@@ -428,13 +429,13 @@ Clip* ClipMP3::open(const char* path, int* err, _kel_progress_ext_t* progress, b
         ClipMP3(start.stereo != 0 ? 2 : 1, static_cast<float>(start.sample_rate), start.type, start.stereo_mode, 0,
                 nullptr);
     if (clip == nullptr) {
-        *err = fourcc("EUnk");
+        *err = kErrUnknown;
         std::fclose(f);
         return nullptr;
     }
     if (!header_only) {
         const int loaded =
-            fseeko(f, start.position, SEEK_SET) == 0 ? clip->load(f, path, progress) : fourcc("EIO ");
+            fseeko(f, start.position, SEEK_SET) == 0 ? clip->load(f, path, progress) : kErrIo;
         if (loaded != 0) {
             *err = loaded;
             clip->close(nullptr);
@@ -459,21 +460,21 @@ Clip* ClipMP3::open(const char* path, int* err, _kel_progress_ext_t* progress, b
 int ClipMP3::load(FILE* file, const char* path, _kel_progress_ext_t* progress)
 {
     if (codec == nullptr && !init_codec())
-        return fourcc("Ecod");
+        return kErrCodec;
     if (backing_file != nullptr)
-        return fourcc("EILC");
+        return kErrInternal;
     const long long start = ftello(file);
     const long long size = start < 0 ? -1 : file_size(file, start);
     if (size < 0)
-        return fourcc("EIO ");
+        return kErrIo;
     report_progress(progress, 0.0f);
 
     BSFile* store = new (std::nothrow) BSFile();
     if (store == nullptr)
-        return fourcc("EUnk");
+        return kErrUnknown;
     if (!store->open(path)) {
         delete store;
-        return fourcc("Efor");
+        return kErrOpenRead;
     }
     backing_file = store;
 
@@ -493,12 +494,12 @@ int ClipMP3::load(FILE* file, const char* path, _kel_progress_ext_t* progress)
                                      expected = pos + frame.frame_length;
                                      BSHandle* handle = store->NewHandle(pos, frame.frame_length);
                                      if (handle == nullptr)
-                                         return fourcc("EILC");
+                                         return kErrInternal;
                                      auto* packet = new (std::nothrow) PacketMP3(
                                          frame.bit_rate, sample_rate, channels, frames, type, handle);
                                      handle->release();
                                      if (packet == nullptr)
-                                         return fourcc("EUnk");
+                                         return kErrUnknown;
                                      packet->stream_serial = serial;
                                      add_packet(packet);
                                      packet->release();
@@ -531,11 +532,11 @@ int ClipMP3::get_file_info(const char* path, _kel_clip_info_t* info, _kel_progre
 
     FILE* f = std::fopen(path, "r");
     if (f == nullptr)
-        return fourcc("Efor");
+        return kErrOpenRead;
     const long long size = file_size(f, 0);
     if (size < 0) {
         std::fclose(f);
-        return fourcc("EIO ");
+        return kErrIo;
     }
     report_progress(progress, 0.0f);
 

@@ -19,7 +19,7 @@
 //   the rest    0x55 behind the marker "KEL padding frame", overwritten in
 //               part or whole by reservoir bytes
 #include "core/bshandlemem.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "mp3/clipmp3.h"
 #include "mp3/mpegheader.h"
 #include "mp3/packetmp3.h"
@@ -94,12 +94,12 @@ Clip* ClipMP3::create_padding_clip(int index, int* err)
         err = &scratch;
     *err = 0;
     if (index < 0 || index >= packet_count) {
-        *err = fourcc("EPnm");
+        *err = kErrPacketNumber;
         return nullptr;
     }
     auto* target = dynamic_cast<PacketMP3*>(get_packet(index));
     if (target == nullptr) {
-        *err = fourcc("EILC");
+        *err = kErrInternal;
         return nullptr;
     }
     int code = 0;
@@ -113,7 +113,7 @@ Clip* ClipMP3::create_padding_clip(int index, int* err)
 
     Clip* result = NewClip(nullptr);
     if (result == nullptr) {
-        *err = fourcc("EUnk");
+        *err = kErrUnknown;
         return nullptr;
     }
     auto fail = [&](int failure) -> Clip* {
@@ -130,18 +130,18 @@ Clip* ClipMP3::create_padding_clip(int index, int* err)
     int missing = needed;
     for (int k = 0; missing > 0; ++k) {
         if (k == index)
-            return fail(fourcc("Epre"));
+            return fail(kErrReservoirBeforeStart);
         auto* earlier = dynamic_cast<PacketMP3*>(get_packet(index - 1 - k));
         if (earlier == nullptr || earlier->handle == nullptr)
-            return fail(fourcc("Ebps"));
+            return fail(kErrBitstreamParse);
         const int length = earlier->handle->size;
         const int static_part = earlier->static_part_size(code);
         const int main_size = length - static_part;
         if (code != 0 || main_size < 1)
-            return fail(fourcc("Ebps"));
+            return fail(kErrBitstreamParse);
         frame_bytes.assign(static_cast<size_t>(length), 0);
         if (earlier->get_bytes(frame_bytes.data(), 1.0f) < length)
-            return fail(fourcc("Ersz"));
+            return fail(kErrPacketBytes);
         const int taken = std::min(main_size, missing);
         std::memcpy(&reservoir[static_cast<size_t>(missing - taken)],
                     &frame_bytes[static_cast<size_t>(length - taken)], static_cast<size_t>(taken));
@@ -154,12 +154,12 @@ Clip* ClipMP3::create_padding_clip(int index, int* err)
     const int bit_rate = is_vbr() != 0 ? kVbrPaddingRates[type_slot] : target->bit_rate;
     const int rate = static_cast<int>(sample_rate);
     if (rate <= 0 || bit_rate <= 0)
-        return fail(fourcc("EUnk"));
+        return fail(kErrUnknown);
     const int side = mpeg_side_info_size(mpeg1, channels == 1);
     const int length = static_cast<int>(static_cast<long long>(bit_rate) * (mpeg1 ? 144 : 72) / rate);
     const int capacity = length - side - 4;
     if (capacity < 1)
-        return fail(fourcc("EUnk"));
+        return fail(kErrUnknown);
     int rate_index = 14;
     for (int i = 1; i <= 14; ++i) {
         if (mpeg_bit_rate(mpeg1, 3, i) >= bit_rate) {
@@ -208,13 +208,13 @@ Clip* ClipMP3::create_padding_clip(int index, int* err)
             if (handle != nullptr)
                 handle->release();
             release_all(built);
-            return fail(fourcc("EUnk"));
+            return fail(kErrUnknown);
         }
         auto* packet = new (std::nothrow) PacketMP3(bit_rate, sample_rate, channels, frames_per_packet(), type, handle);
         handle->release();
         if (packet == nullptr) {
             release_all(built);
-            return fail(fourcc("EUnk"));
+            return fail(kErrUnknown);
         }
         built.push_back(packet);
     }

@@ -8,7 +8,7 @@
 // and scanned like any MP3 file. The file's name is unlinked at once; the
 // new clip's backing store keeps the open file alive.
 #include "core/clipdecoder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/progress.h"
 #include "mp3/clipencodermp3.h"
 #include "mp3/clipmp3.h"
@@ -73,7 +73,7 @@ int encode_packets(Clip* source, ClipDecoder* decoder, ClipEncoderMP3* encoder, 
         if (frames < 0 || frames > n)
             frames = frames < 0 ? 0 : n;
         if (encoder->put_data(bufs, frames) < frames)
-            return fourcc("Etrn");
+            return kErrTranscode;
         for (;;) {
             int size = 0;
             const void* bytes = encoder->packet_encode(&size, flush, &err);
@@ -87,12 +87,12 @@ int encode_packets(Clip* source, ClipDecoder* decoder, ClipEncoderMP3* encoder, 
                 break;
             }
             if (std::fwrite(bytes, 1, static_cast<size_t>(size), f) != static_cast<size_t>(size))
-                return fourcc("EIO ");
+                return kErrIo;
         }
         if (err != 0)
             break;
         if (!throttle.step(100.0f / static_cast<float>(count) * static_cast<float>(i)))
-            err = fourcc("Ebrk");
+            err = kErrCancelled;
     }
     return err;
 }
@@ -121,7 +121,7 @@ Clip* ClipMP3::transcode(Clip* source, int first, int last, int* err, _kel_progr
     *err = 0;
     const int count = last - first + 1;
     if (source == nullptr || first < 0 || last >= source->packet_count || count < 1) {
-        *err = fourcc("EPnm");
+        *err = kErrPacketNumber;
         return nullptr;
     }
     _kel_clip_info_t info{};
@@ -131,7 +131,7 @@ Clip* ClipMP3::transcode(Clip* source, int first, int last, int* err, _kel_progr
     if (encoder == nullptr || decoder == nullptr) {
         delete encoder;
         delete decoder;
-        *err = fourcc("Ecod");
+        *err = kErrCodec;
         return nullptr;
     }
 
@@ -140,21 +140,21 @@ Clip* ClipMP3::transcode(Clip* source, int first, int last, int* err, _kel_progr
     if (f == nullptr) {
         delete encoder;
         delete decoder;
-        *err = fourcc("Efow");
+        *err = kErrOpenWrite;
         return nullptr;
     }
     int code = encode_packets(source, decoder, encoder, first, last, f, progress);
     delete encoder;
     delete decoder;
     if (std::fclose(f) != 0 && code == 0)
-        code = fourcc("EIO ");
+        code = kErrIo;
 
     Clip* result = nullptr;
     if (code == 0)
         result = ClipMP3::open(path.c_str(), &code, nullptr, false, false);
     unlink(path.c_str());
     if (result == nullptr && code == 0)
-        code = fourcc("Emp3");
+        code = kErrCorruptMp3;
     *err = code;
     return result;
 }

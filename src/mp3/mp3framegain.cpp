@@ -2,7 +2,7 @@
 // the bit-reservoir walk.
 #include "mp3/mp3framegain.h"
 
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "mp3/mpegheader.h"
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace KEL {
 
 namespace {
 
-constexpr int32_t kErrEndOfData = fourcc("Ebef");
+constexpr int32_t kErrEndOfData = kErrBitstreamEnd;
 
 // Bytes the header readers copy out of a frame, and the room they give
 // Bitstream::get_bits_le8 to load one byte past them.
@@ -217,7 +217,7 @@ int mp3_preroll_count(Mp3FrameSource& frames, int index, int& err)
 {
     err = 0;
     if (index < 0 || index >= frames.frame_count()) {
-        err = fourcc("EPnm");
+        err = kErrPacketNumber;
         return 0;
     }
     int remaining = frames.main_data_begin(index, err);
@@ -226,7 +226,7 @@ int mp3_preroll_count(Mp3FrameSource& frames, int index, int& err)
 
     for (int k = 0;; ++k) {
         if (k == index) {
-            err = fourcc("Epre"); // the reservoir reaches before the first frame
+            err = kErrReservoirBeforeStart; // the reservoir reaches before the first frame
             return k;
         }
         const int q = index - 1 - k;
@@ -234,7 +234,7 @@ int mp3_preroll_count(Mp3FrameSource& frames, int index, int& err)
         const int static_part = frames.static_part_size(q, status);
         const int main_data = frames.frame_length(q) - static_part;
         if (status != 0 || main_data < 1) {
-            err = fourcc("Ebps");
+            err = kErrBitstreamParse;
             return k;
         }
         remaining -= main_data;

@@ -3,7 +3,7 @@
 #include "core/bshandle.h"
 #include "core/byteorder.h"
 #include "core/clip.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "core/progress.h"
 #include "mp3/clipmp3.h"
@@ -178,7 +178,7 @@ int Mp3Saver::write(const void* bytes, long long count)
     if (count <= 0)
         return 0;
     return std::fwrite(bytes, 1, static_cast<size_t>(count), file_) == static_cast<size_t>(count) ? 0
-                                                                                                   : fourcc("EIO ");
+                                                                                                   : kErrIo;
 }
 
 int Mp3Saver::write_packets(Clip& clip, _kel_progress_ext_t* progress, bool& gap)
@@ -214,13 +214,13 @@ int Mp3Saver::save(ClipMP3& clip, const char* path, const void* block1, int bloc
                    int block2_len, _kel_progress_ext_t* progress)
 {
     if (path == nullptr)
-        return fourcc("Efow");
+        return kErrOpenWrite;
     path_ = path;
     file_ = std::fopen(path, "w+");
     if (file_ == nullptr)
-        return errno == EISDIR ? EISDIR : fourcc("Efow");
+        return errno == EISDIR ? EISDIR : kErrOpenWrite;
     if (clip.packet_count <= 0 || clip.packets == nullptr)
-        return fail(fourcc("Empt"));
+        return fail(kErrEmpty);
     if (block1 == nullptr || block1_len < 0)
         block1_len = 0;
     if (block2 == nullptr || block2_len < 0)
@@ -235,7 +235,7 @@ int Mp3Saver::save(ClipMP3& clip, const char* path, const void* block1, int bloc
         int code = 0;
         folded = clip.convert_gains_and_envelopes_to_gains(&code);
         if (folded == nullptr)
-            return fail(code != 0 ? code : fourcc("EUnk"));
+            return fail(code != 0 ? code : kErrUnknown);
     }
     Clip& frames = folded != nullptr ? *folded : clip;
     struct Closer {
@@ -259,7 +259,7 @@ int Mp3Saver::save(ClipMP3& clip, const char* path, const void* block1, int bloc
     for (int i = 0; i < frames.packet_count; ++i)
         total += packet_size(frames.packets[i]);
     if (total > kSaveLimit)
-        return fail(fourcc("Ebyt"));
+        return fail(kErrTooLarge);
 
     if (const int code = write(block1, block1_len))
         return fail(code);
@@ -273,20 +273,20 @@ int Mp3Saver::save(ClipMP3& clip, const char* path, const void* block1, int bloc
     if (const int code = write(block2, block2_len))
         return fail(code);
     if (fseeko(file_, block1_len, SEEK_SET) != 0)
-        return fail(fourcc("EIO "));
+        return fail(kErrIo);
     if (const int code = write(info.data(), static_cast<long long>(info.size())))
         return fail(code);
 
     // Errors of buffered writes surface only here.
     if (std::fflush(file_) != 0 || std::ferror(file_))
-        return fail(fourcc("EIO "));
+        return fail(kErrIo);
     FILE* done = file_;
     file_ = nullptr;
     if (std::fclose(done) != 0) {
         std::remove(path);
-        return fourcc("EIO ");
+        return kErrIo;
     }
-    return gap ? fourcc("Egga") : 0;
+    return gap ? kErrSavedWithErrors : 0;
 }
 
 } // namespace KEL

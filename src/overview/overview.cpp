@@ -1,7 +1,7 @@
 #include "overview/overview.h"
 
 #include "core/clip.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 
 #include <sys/time.h>
@@ -40,8 +40,8 @@ constexpr int kDirtyMaxRun = 10;
 int request_fault(const Clip* clip, int first, int last, int points)
 {
     if (first < 0 || last >= clip->packet_count || last < first)
-        return fourcc("EPnm");
-    return points < 1 ? fourcc("Escl") : 0;
+        return kErrPacketNumber;
+    return points < 1 ? kErrScale : 0;
 }
 
 double wall_clock()
@@ -290,12 +290,12 @@ int Overview::generate_normal(int first, int last, int points, float* out, int& 
     // One 8-pair block per packet a point can reach.
     const uint64_t blocks = static_cast<uint64_t>(packets_per_point) + 1;
     if (blocks > SIZE_MAX / (kBlockFloats * sizeof(float))) {
-        err = fourcc("EUnk");
+        err = kErrUnknown;
         return 0;
     }
     float* scratch = static_cast<float*>(std::malloc(blocks * kBlockFloats * sizeof(float)));
     if (scratch == nullptr) {
-        err = fourcc("EUnk");
+        err = kErrUnknown;
         return 0;
     }
 
@@ -315,7 +315,7 @@ int Overview::generate_normal(int first, int last, int points, float* out, int& 
             const int built = summarize(packet, summary);
             if (built < 0) {
                 std::free(scratch);
-                err = fourcc("EUnk");
+                err = kErrUnknown;
                 return 0;
             }
             std::memcpy(scratch + b * kBlockFloats, summary.pairs, sizeof summary.pairs);
@@ -350,11 +350,11 @@ int Overview::generate_dirty(int first, int last, int points, int dirtyRun, floa
     if (err != 0)
         return 0;
     if (dirtyRun < 1 || dirtyRun > kDirtyMaxRun) {
-        err = fourcc("Eprm");
+        err = kErrParameter;
         return 0;
     }
     if (points < 1) {
-        err = fourcc("Escl");
+        err = kErrScale;
         return 0;
     }
     const int n = last - first + 1;
@@ -371,7 +371,7 @@ int Overview::generate_dirty(int first, int last, int points, int dirtyRun, floa
         const int packet = std::min(static_cast<int>(position), last);
         const int built = summarize(packet, summary);
         if (built < 0) {
-            err = fourcc("EUnk");
+            err = kErrUnknown;
             return 0;
         }
         if (!meter.packet(packet, built != 0))
@@ -420,7 +420,7 @@ int Overview::generate_fine(int first, int last, int points, float* out, int& er
         for (int64_t s = 0; s < spp; ++s) {
             const int got = next_sample(cursor, value);
             if (got <= 0) {
-                err = got < 0 ? fourcc("EUnk") : 0;
+                err = got < 0 ? kErrUnknown : 0;
                 return got < 0 ? 0 : i;
             }
             hi = std::max(hi, value);
@@ -429,7 +429,7 @@ int Overview::generate_fine(int first, int last, int points, float* out, int& er
         if (overlap) {
             const int got = next_sample(cursor, value);
             if (got <= 0) {
-                err = got < 0 ? fourcc("EUnk") : 0;
+                err = got < 0 ? kErrUnknown : 0;
                 return got < 0 ? 0 : i;
             }
             hi = std::max(hi, value);
@@ -464,7 +464,7 @@ int Overview::generate_extra_fine(int first, int last, int points, float* out, i
         float value = 0.0f;
         const int got = next_sample(cursor, value);
         if (got < 0) {
-            err = fourcc("EUnk");
+            err = kErrUnknown;
             return 0;
         }
         if (got == 0)
@@ -495,7 +495,7 @@ int Overview::generate_rms(int first, int last, float* out, int& err)
     for (int packet = first; packet <= last; ++packet) {
         const int built = summarize(packet, summary);
         if (built < 0) {
-            err = fourcc("EUnk");
+            err = kErrUnknown;
             return 0;
         }
         out[packet - first] = summary.rms;
@@ -519,7 +519,7 @@ float Overview::find_max_sample(int first, int last, int& err)
     for (int packet = first; packet <= last; ++packet) {
         const int built = summarize(packet, summary);
         if (built < 0) {
-            err = fourcc("EUnk");
+            err = kErrUnknown;
             return 0.0f;
         }
         largest = std::max(largest, summary.max_sample);

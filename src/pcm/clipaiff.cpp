@@ -2,7 +2,7 @@
 #include "pcm/clipaiff.h"
 
 #include "core/byteorder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "pcm/ieeeextended.h"
 #include "pcm/pcmcodec.h"
@@ -75,7 +75,7 @@ int check_common(const unsigned char* fields, bool aifc, CommonFields& out)
     const int sample_size = static_cast<int16_t>(get_be16(fields + 6));
     const float rate = static_cast<float>(ConvertFromIeeeExtended(fields + 8));
     if (channels < 1 || frames < 1 || !(rate > 0.0f))
-        return fourcc("Eaif");
+        return kErrCorruptAiff;
 
     int bits = sample_size;
     bool little = false;
@@ -86,13 +86,13 @@ int check_common(const unsigned char* fields, bool aifc, CommonFields& out)
                 found = &c;
         }
         if (found == nullptr)
-            return fourcc("Efms");
+            return kErrFormatUnsupported;
         if (found->bits != 0)
             bits = found->bits;
         little = found->littleEndian;
     }
     if (bits != 16 && bits != 24)
-        return fourcc("Efms");
+        return kErrFormatUnsupported;
     out = CommonFields{channels, bits, rate, little};
     return 0;
 }
@@ -116,12 +116,12 @@ int ClipAIFF::detect(const char* path)
 {
     FILE* f = std::fopen(path, "r");
     if (f == nullptr)
-        return fourcc("Efor");
+        return kErrOpenRead;
     unsigned char head[12];
     const size_t got = std::fread(head, 1, sizeof head, f);
     std::fclose(f);
     if (got < sizeof head || !is_tag(head, "FORM") || !is_form_type(head + 8))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     return 0;
 }
 
@@ -129,24 +129,24 @@ int ClipAIFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
                    int* dataOffset)
 {
     if (fseeko(f, 0, SEEK_END) != 0)
-        return fourcc("EIO ");
+        return kErrIo;
     const long long length = ftello(f);
     if (length < 0)
-        return fourcc("EIO ");
+        return kErrIo;
     if (length >= kMaxAiffFile)
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     if (fseeko(f, 0, SEEK_SET) != 0)
-        return fourcc("EIO ");
+        return kErrIo;
 
     unsigned char head[12];
     if (std::fread(head, 1, 4, f) != 4 || !is_tag(head, "FORM"))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     if (std::fread(head + 4, 1, 4, f) != 4)
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     if (get_be32s(head + 4) < 0)
-        return fourcc("Eaif");
+        return kErrCorruptAiff;
     if (std::fread(head + 8, 1, 4, f) != 4 || !is_form_type(head + 8))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     const bool aifc = is_tag(head + 8, "AIFC");
 
     // Chunks may come in any order; the walk ends as soon as both the
@@ -156,15 +156,15 @@ int ClipAIFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
     for (;;) {
         const long long position = ftello(f);
         if (position < 0)
-            return fourcc("EIO ");
+            return kErrIo;
         if (position + 8 >= length)
-            return fourcc("Eaif");
+            return kErrCorruptAiff;
         unsigned char chunk[8];
         if (std::fread(chunk, 1, sizeof chunk, f) != sizeof chunk)
             break;
         const int32_t size = get_be32s(chunk + 4);
         if (size < 0 || is_tag(chunk, "FORM"))
-            return fourcc("Eaif");
+            return kErrCorruptAiff;
         const long long body = position + 8;
 
         if (is_tag(chunk, "SSND")) {
@@ -173,11 +173,11 @@ int ClipAIFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
                 break;
             const int32_t offset = get_be32s(fields);
             if (offset < 0)
-                return fourcc("Eaif");
+                return kErrCorruptAiff;
             const long long after = body + kSoundFieldBytes;
             const long long first = after + offset;
             if (first >= length)
-                return fourcc("Eaif");
+                return kErrCorruptAiff;
             // Cut to the bytes behind the two fields; the offset is not
             // taken off the bytes present, so a large offset can leave a
             // length that runs past the end (the packets then read short).
@@ -185,7 +185,7 @@ int ClipAIFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
             if (bytes > length - after)
                 bytes = length - after;
             if (bytes < 1)
-                return fourcc("Eaif");
+                return kErrCorruptAiff;
             if (dataOffset != nullptr)
                 *dataOffset = static_cast<int>(first);
             if (dataLength != nullptr)
@@ -223,7 +223,7 @@ int ClipAIFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
         if (common_seen && sound_seen)
             return 0;
     }
-    return std::feof(f) ? fourcc("Eeof") : fourcc("EIO ");
+    return std::feof(f) ? kErrEof : kErrIo;
 }
 
 int ClipAIFF::scan_layout(FILE* f, FileLayout& layout)
@@ -250,9 +250,9 @@ int ClipAIFF::load(const char* path, _kel_progress_ext_t* progress, int channels
     packetFrames = pcm_packet_frames_setting();
     const int frame_bytes = PcmLayout{bits, channels, PcmByteOrder::big}.frame_bytes();
     if (frame_bytes == 0)
-        return fourcc("Eaif");
+        return kErrCorruptAiff;
     const PcmData data{dataLength / frame_bytes, dataOffset, frame_bytes, sampleRate};
-    return pcm_load_packets(*this, path, progress, data, packetFrames, fourcc("Eaif"),
+    return pcm_load_packets(*this, path, progress, data, packetFrames, kErrCorruptAiff,
                             [=](int bitRate, int frames, int diskFrames, BSHandle* handle) -> Packet* {
                                 return new PacketAIFF(bits, bitRate, sampleRate, channels, littleEndian, frames,
                                                       diskFrames, handle);

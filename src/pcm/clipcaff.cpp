@@ -2,7 +2,7 @@
 #include "pcm/clipcaff.h"
 
 #include "core/byteorder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "pcm/ieeeextended.h"
 #include "pcm/kernels.h"
@@ -58,12 +58,12 @@ int check_desc(const unsigned char* fields, int* channels, int* bits, float* sam
     const uint32_t chans = get_be32(fields + 24);
     const uint32_t width = get_be32(fields + 28);
     if (!is_tag(fields + 8, "lpcm") || (flags & kFlagFloat) != 0 || width != kBits)
-        return fourcc("Efms");
+        return kErrFormatUnsupported;
     // The clip keeps its rate as a float: a rate that is not a positive,
     // finite float is as unusable as one not above zero.
     const float rate_kept = static_cast<float>(rate);
     if (chans == 0 || chans > INT_MAX || !(rate > 0.0) || !(rate_kept > 0.0f) || std::isinf(rate_kept))
-        return fourcc("Ecaf");
+        return kErrCorruptCaf;
     if (channels != nullptr)
         *channels = static_cast<int>(chans);
     if (bits != nullptr)
@@ -122,7 +122,7 @@ int write_scratch_file(FILE* f, const std::string& path, const unsigned char* sa
     written = std::fclose(f) == 0 && written;
     if (!written) {
         unlink(path.c_str());
-        return fourcc("EIO ");
+        return kErrIo;
     }
     return 0;
 }
@@ -140,12 +140,12 @@ int ClipCAFF::detect(const char* path)
 {
     FILE* f = std::fopen(path, "r");
     if (f == nullptr)
-        return fourcc("Efor");
+        return kErrOpenRead;
     unsigned char head[8];
     const size_t got = std::fread(head, 1, sizeof head, f);
     std::fclose(f);
     if (got < sizeof head || !is_tag(head, "caff"))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     return 0;
 }
 
@@ -153,26 +153,26 @@ int ClipCAFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
                    long long* dataLength, long long* dataOffset)
 {
     if (fseeko(f, 0, SEEK_END) != 0)
-        return fourcc("EIO ");
+        return kErrIo;
     const long long length = ftello(f);
     if (length < 0)
-        return fourcc("EIO ");
+        return kErrIo;
     if (fseeko(f, 0, SEEK_SET) != 0)
-        return fourcc("EIO ");
+        return kErrIo;
 
     // File header: "caff", version 1, flags (ignored).
     unsigned char head[8];
     if (std::fread(head, 1, sizeof head, f) != sizeof head || !is_tag(head, "caff") || get_be16(head + 4) != 1)
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
 
     bool desc_seen = false;
     bool data_seen = false;
     for (;;) {
         const long long position = ftello(f);
         if (position < 0)
-            return fourcc("EIO ");
+            return kErrIo;
         if (position + kChunkHeaderBytes >= length)
-            return fourcc("Ecaf");
+            return kErrCorruptCaf;
         unsigned char chunk[kChunkHeaderBytes];
         if (std::fread(chunk, 1, sizeof chunk, f) != sizeof chunk)
             break;
@@ -180,11 +180,11 @@ int ClipCAFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
         const long long body = position + kChunkHeaderBytes;
         const bool is_data = is_tag(chunk, "data");
         if (size < 0 && !is_data)
-            return fourcc("Ecaf");
+            return kErrCorruptCaf;
 
         if (is_tag(chunk, "desc")) {
             if (desc_seen)
-                return fourcc("Ecaf");
+                return kErrCorruptCaf;
             unsigned char fields[kDescBytes];
             if (std::fread(fields, 1, sizeof fields, f) != sizeof fields)
                 break;
@@ -195,7 +195,7 @@ int ClipCAFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
                 break;
         } else if (is_data) {
             if (data_seen)
-                return fourcc("Ecaf");
+                return kErrCorruptCaf;
             unsigned char edits[kEditCountBytes];
             if (std::fread(edits, 1, sizeof edits, f) != sizeof edits)
                 break;
@@ -210,10 +210,10 @@ int ClipCAFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
             } else {
                 // 0, too small for its own edit count, another negative
                 // size, or -1 with no format known yet.
-                return fourcc("Ecaf");
+                return kErrCorruptCaf;
             }
             if (bytes > length - offset)
-                return fourcc("Ecaf");
+                return kErrCorruptCaf;
             if (dataOffset != nullptr)
                 *dataOffset = offset;
             if (dataLength != nullptr)
@@ -230,7 +230,7 @@ int ClipCAFF::scan(FILE* f, int* channels, int* bits, float* sampleRate, bool* l
         if (desc_seen && data_seen)
             return 0;
     }
-    return std::feof(f) ? fourcc("Eeof") : fourcc("EIO ");
+    return std::feof(f) ? kErrEof : kErrIo;
 }
 
 int ClipCAFF::scan_layout(FILE* f, FileLayout& layout)
@@ -263,9 +263,9 @@ int ClipCAFF::cut_packets(const char* path, _kel_progress_ext_t* progress, int c
 {
     const int frame_bytes = PcmLayout{bits, channels, PcmByteOrder::big}.frame_bytes();
     if (frame_bytes == 0 || dataLength < 0)
-        return fourcc("Ecaf");
+        return kErrCorruptCaf;
     const PcmData data{dataLength / frame_bytes, dataOffset, frame_bytes, sampleRate};
-    return pcm_load_packets(*this, path, progress, data, packetFrames, fourcc("Ecaf"),
+    return pcm_load_packets(*this, path, progress, data, packetFrames, kErrCorruptCaf,
                             [=](int bitRate, int frames, int diskFrames, BSHandle* handle) -> Packet* {
                                 return new PacketCAFF(bits, bitRate, sampleRate, channels, littleEndian, frames,
                                                       diskFrames, handle);
@@ -282,14 +282,14 @@ ClipCAFF* ClipCAFF::create_from_buffer(float** buffers, float sampleRate, int fr
 {
     *err = 0;
     if (buffers == nullptr || buffers[0] == nullptr || buffers[1] == nullptr || frames < 1) {
-        *err = fourcc("Eprm");
+        *err = kErrParameter;
         return nullptr;
     }
     // Interleaved 16-bit stereo, big-endian as the header declares.
     const long long bytes = static_cast<long long>(frames) * 4;
     auto* samples = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(bytes)));
     if (samples == nullptr) {
-        *err = fourcc("EUnk");
+        *err = kErrUnknown;
         return nullptr;
     }
     // In blocks, so that no byte count handed to the kernels exceeds an int.
@@ -305,7 +305,7 @@ ClipCAFF* ClipCAFF::create_from_buffer(float** buffers, float sampleRate, int fr
     FILE* f = create_scratch_file(path);
     if (f == nullptr) {
         std::free(samples);
-        *err = fourcc("Efow");
+        *err = kErrOpenWrite;
         return nullptr;
     }
     *err = write_scratch_file(f, path, samples, bytes, sampleRate, 2);

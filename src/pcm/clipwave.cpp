@@ -2,7 +2,7 @@
 #include "pcm/clipwave.h"
 
 #include "core/byteorder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "pcm/pcmcodec.h"
 #include "pcm/pcmloader.h"
@@ -42,11 +42,11 @@ int check_format(const unsigned char* fields, int* channels, int* bits, float* s
     const uint32_t rate = get_le32(fields + 4);
     const unsigned width = get_le16(fields + 14);
     if (tag != kFormatPCM)
-        return fourcc("Efms");
+        return kErrFormatUnsupported;
     if (chans == 0 || rate == 0)
-        return fourcc("Ewav");
+        return kErrCorruptWave;
     if (width != 16 && width != 24)
-        return fourcc("Efms");
+        return kErrFormatUnsupported;
     if (channels != nullptr)
         *channels = static_cast<int>(chans);
     if (bits != nullptr)
@@ -79,12 +79,12 @@ int ClipWAVE::detect(const char* path)
 {
     FILE* f = std::fopen(path, "r");
     if (f == nullptr)
-        return fourcc("Efor");
+        return kErrOpenRead;
     unsigned char head[12];
     const size_t got = std::fread(head, 1, sizeof head, f);
     std::fclose(f);
     if (got < sizeof head || !is_tag(head, "RIFF") || !is_tag(head + 8, "WAVE"))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     return 0;
 }
 
@@ -92,22 +92,22 @@ int ClipWAVE::scan(FILE* f, int* channels, int* bits, float* sampleRate, unsigne
                    unsigned int* dataOffset)
 {
     if (fseeko(f, 0, SEEK_END) != 0)
-        return fourcc("EIO ");
+        return kErrIo;
     const long long length = ftello(f);
     if (length < 0)
-        return fourcc("EIO ");
+        return kErrIo;
     if (length >= kMaxWaveFile)
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     if (fseeko(f, 0, SEEK_SET) != 0)
-        return fourcc("EIO ");
+        return kErrIo;
 
     unsigned char head[12];
     if (std::fread(head, 1, 4, f) != 4 || !is_tag(head, "RIFF"))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     if (std::fread(head + 4, 1, 4, f) != 4) // the RIFF size says nothing useful
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
     if (std::fread(head + 8, 1, 4, f) != 4 || !is_tag(head + 8, "WAVE"))
-        return fourcc("Efmu");
+        return kErrFormatUnrecognized;
 
     // Chunks may come in any order; the walk ends as soon as both the
     // format and the data have been seen.
@@ -116,9 +116,9 @@ int ClipWAVE::scan(FILE* f, int* channels, int* bits, float* sampleRate, unsigne
     for (;;) {
         const long long position = ftello(f);
         if (position < 0)
-            return fourcc("EIO ");
+            return kErrIo;
         if (position + 8 >= length)
-            return fourcc("Ewav");
+            return kErrCorruptWave;
         unsigned char chunk[8];
         if (std::fread(chunk, 1, sizeof chunk, f) != sizeof chunk)
             break;
@@ -148,7 +148,7 @@ int ClipWAVE::scan(FILE* f, int* channels, int* bits, float* sampleRate, unsigne
             if (fseeko(f, body + padded(size), SEEK_SET) != 0)
                 break;
         } else if (is_tag(chunk, "RIFF")) {
-            return fourcc("Ewav");
+            return kErrCorruptWave;
         } else if (fseeko(f, padded(size), SEEK_CUR) != 0) {
             break;
         }
@@ -156,7 +156,7 @@ int ClipWAVE::scan(FILE* f, int* channels, int* bits, float* sampleRate, unsigne
         if (format_seen && data_seen)
             return 0;
     }
-    return std::feof(f) ? fourcc("Eeof") : fourcc("EIO ");
+    return std::feof(f) ? kErrEof : kErrIo;
 }
 
 int ClipWAVE::scan_layout(FILE* f, FileLayout& layout)
@@ -181,9 +181,9 @@ int ClipWAVE::load(const char* path, _kel_progress_ext_t* progress, int channels
     packetFrames = pcm_packet_frames_setting();
     const int frame_bytes = PcmLayout{bits, channels, PcmByteOrder::little}.frame_bytes();
     if (frame_bytes == 0)
-        return fourcc("Ewav");
+        return kErrCorruptWave;
     const PcmData data{dataLength / static_cast<unsigned int>(frame_bytes), dataOffset, frame_bytes, sampleRate};
-    return pcm_load_packets(*this, path, progress, data, packetFrames, fourcc("Ewav"),
+    return pcm_load_packets(*this, path, progress, data, packetFrames, kErrCorruptWave,
                             [=](int bitRate, int frames, int diskFrames, BSHandle* handle) -> Packet* {
                                 return new PacketWAVE(bits, bitRate, sampleRate, channels, frames, diskFrames,
                                                       handle);

@@ -3,7 +3,7 @@
 #define KEL_PCM_PCMCLIP_H
 
 #include "core/clip.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "pcm/pcmcodec.h"
 #include "pcm/pcmloader.h"
@@ -48,12 +48,12 @@ public:
         int code = 0;
         auto* same = dynamic_cast<Self*>(other);
         if (same == nullptr) {
-            code = fourcc("Eclt");
+            code = kErrClipType;
         } else if (channels != same->channels || sample_rate != same->sample_rate ||
                    bits_per_sample != same->bits_per_sample || packetFrames != same->packetFrames) {
             // The fields get_info reports, read directly: filling the whole
             // record would also settle both clips' stream statistics.
-            code = fourcc("Ecld");
+            code = kErrClipMismatch;
         }
         if (err != nullptr)
             *err = code;
@@ -91,12 +91,12 @@ public:
     int packet_decode_play(int index, float** out, int* err, float gain) override
     {
         if (index < 0 || index >= packet_count) {
-            *err = fourcc("EPnm");
+            *err = kErrPacketNumber;
             return 0;
         }
         auto* packet = dynamic_cast<PacketT*>(packets[index]);
         if (packet == nullptr) {
-            *err = fourcc("EILC");
+            *err = kErrInternal;
             return 0;
         }
         return packet->decode(out, err, gain);
@@ -107,7 +107,7 @@ public:
     static Self* create_empty_clip(int channels, float sampleRate, int bits, bool width_accepted, int* err)
     {
         if ((channels != 1 && channels != 2) || sampleRate < 0.0f || !width_accepted) {
-            *err = fourcc("Eprm");
+            *err = kErrParameter;
             return nullptr;
         }
         *err = 0;
@@ -132,7 +132,7 @@ public:
     {
         FILE* f = std::fopen(path, "r");
         if (f == nullptr)
-            return fourcc("Efor");
+            return kErrOpenRead;
         const int code = Self::scan_layout(f, layout);
         std::fclose(f);
         return code;

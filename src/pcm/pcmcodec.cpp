@@ -2,7 +2,7 @@
 
 #include "core/bshandle.h"
 #include "core/clipencoder.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "pcm/kernels.h"
 
@@ -118,7 +118,7 @@ int pcm_decode_packet(Packet& packet, const PcmLayout& layout, int disk_frames, 
     if (!width_supported(layout.bits)) {
         std::free(bytes);
         if (err != nullptr)
-            *err = fourcc("EILC");
+            *err = kErrInternal;
         return 0;
     }
     const bool have_out = out != nullptr && out[0] != nullptr && out[1] != nullptr;
@@ -188,14 +188,14 @@ const void* pcm_encode_packet(ClipEncoder& encoder, float** scratch, unsigned ch
     *err = 0;
     *byte_count = 0;
     if (buffer == nullptr || scratch == nullptr || scratch[0] == nullptr || scratch[1] == nullptr) {
-        *err = fourcc("Ecod");
+        *err = kErrCodec;
         return nullptr;
     }
     const int frames = encoder.get_data(scratch, packet_frames, sample_rate, flush);
     if (frames == 0)
         return nullptr;
     if (frames != packet_frames) {
-        *err = fourcc("Eenc");
+        *err = kErrEncode;
         return nullptr;
     }
     *byte_count = pcm_write_frames(scratch, buffer, packet_frames, layout);

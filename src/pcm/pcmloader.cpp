@@ -3,7 +3,7 @@
 #include "core/bsfile.h"
 #include "core/bshandlefile.h"
 #include "core/clip.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "core/progress.h"
 #include "pcm/pcmcodec.h"
@@ -42,7 +42,7 @@ int pcm_load_packets(Clip& clip, const char* path, _kel_progress_ext_t* progress
     if (data.total_frames <= 0 || data.frame_bytes <= 0 || packet_frames <= 0)
         return corrupt_code;
     if (clip.backing_file != nullptr)
-        return fourcc("EILC");
+        return kErrInternal;
 
     // Every size below must fit the int byte counts of handles and packets.
     const long long packet_bytes = static_cast<long long>(packet_frames) * data.frame_bytes;
@@ -54,10 +54,10 @@ int pcm_load_packets(Clip& clip, const char* path, _kel_progress_ext_t* progress
 
     BSFile* store = new (std::nothrow) BSFile();
     if (store == nullptr)
-        return fourcc("EUnk");
+        return kErrUnknown;
     if (!store->open(path)) {
         delete store;
-        return fourcc("Efor");
+        return kErrOpenRead;
     }
     clip.backing_file = store;
 
@@ -72,13 +72,13 @@ int pcm_load_packets(Clip& clip, const char* path, _kel_progress_ext_t* progress
             Packet* packet = make_packet(bit_rate, packet_frames, packet_frames, handle);
             handle->release();
             if (packet == nullptr)
-                return fourcc("EUnk");
+                return kErrUnknown;
             clip.add_packet(packet);
             packet->release();
             offset += packet_bytes;
         }
         if (!throttle.step(step * static_cast<float>(i)))
-            return fourcc("Ebrk");
+            return kErrCancelled;
     }
 
     if (rest_bytes != 0) {
@@ -86,7 +86,7 @@ int pcm_load_packets(Clip& clip, const char* path, _kel_progress_ext_t* progress
             Packet* packet = make_packet(bit_rate, packet_frames, static_cast<int>(rest_frames), handle);
             handle->release();
             if (packet == nullptr)
-                return fourcc("EUnk");
+                return kErrUnknown;
             clip.add_packet(packet);
             packet->release();
         }

@@ -2,7 +2,7 @@
 
 #include "core/bshandle.h"
 #include "core/clip.h"
-#include "core/fourcc.h"
+#include "core/errorcodes.h"
 #include "core/packet.h"
 #include "core/progress.h"
 
@@ -24,7 +24,7 @@ constexpr long long kSaveLimit = 2147483647LL;
 // passed through as the system's EISDIR, anything else is "Efow".
 int open_failure_code(int error)
 {
-    return error == EISDIR ? EISDIR : fourcc("Efow");
+    return error == EISDIR ? EISDIR : kErrOpenWrite;
 }
 
 } // namespace
@@ -83,12 +83,12 @@ int PcmSaver::check_limits(const Clip& clip, int extra_length) const
             bytes += handle->size;
     }
     if (bytes > kSaveLimit)
-        return fourcc("Ebyt");
+        return kErrTooLarge;
     long long frames = 0;
     for (int i = 0; i < clip.packet_count; ++i) {
         frames += clip.packets[i]->disk_frame_count();
         if (frames > kSaveLimit)
-            return fourcc("Esmp");
+            return kErrTooLong;
     }
     return 0;
 }
@@ -119,11 +119,11 @@ int PcmSaver::write_packets(const Clip& clip, _kel_progress_ext_t* progress, boo
         const size_t length = static_cast<size_t>(size);
         if (fill > 0 && fill + length > buffer_size_) {
             if (!write_out(fill))
-                return fourcc("EIO ");
+                return kErrIo;
             fill = 0;
         }
         if (reserve(fill + length) == nullptr)
-            return fourcc("EUnk");
+            return kErrUnknown;
         unsigned char* bytes = buffer_ + fill;
         int frames_in_envelope = 0;
         const int got = packet->gain_envelope(frames_in_envelope) != nullptr
@@ -152,14 +152,14 @@ int PcmSaver::write_packets(const Clip& clip, _kel_progress_ext_t* progress, boo
         }
         (void)throttle.step(step * static_cast<float>(i));
     }
-    return write_out(fill) ? 0 : fourcc("EIO ");
+    return write_out(fill) ? 0 : kErrIo;
 }
 
 int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int extra_length,
                    _kel_progress_ext_t* progress)
 {
     if (path == nullptr)
-        return fourcc("Efow");
+        return kErrOpenWrite;
     path_ = path;
     file_ = std::fopen(path, "w+");
     if (file_ == nullptr)
@@ -170,7 +170,7 @@ int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int ex
     std::setvbuf(file_, nullptr, _IONBF, 0);
 
     if (clip.packet_count <= 0 || clip.packets == nullptr)
-        return fail(fourcc("Empt"));
+        return fail(kErrEmpty);
     if (extra == nullptr || extra_length < 0)
         extra_length = 0;
     if (const int code = check_limits(clip, extra_length))
@@ -178,10 +178,10 @@ int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int ex
 
     unsigned char* zeros = reserve(static_cast<size_t>(header_bytes_));
     if (zeros == nullptr)
-        return fail(fourcc("EUnk"));
+        return fail(kErrUnknown);
     std::memset(zeros, 0, static_cast<size_t>(header_bytes_));
     if (std::fwrite(zeros, 1, static_cast<size_t>(header_bytes_), file_) != static_cast<size_t>(header_bytes_))
-        return fail(fourcc("EIO "));
+        return fail(kErrIo);
 
     bool gap = false;
     long long frames = 0;
@@ -191,20 +191,20 @@ int PcmSaver::save(const Clip& clip, const char* path, const void* extra, int ex
 
     if (extra_length > 0 &&
         std::fwrite(extra, 1, static_cast<size_t>(extra_length), file_) != static_cast<size_t>(extra_length))
-        return fail(fourcc("EIO "));
+        return fail(kErrIo);
 
     write_header_(file_, frames, extra_length);
     // Errors of buffered writes surface only here; the file must not stay
     // behind with a header that describes bytes that never arrived.
     if (std::fflush(file_) != 0 || std::ferror(file_))
-        return fail(fourcc("EIO "));
+        return fail(kErrIo);
     FILE* done = file_;
     file_ = nullptr;
     if (std::fclose(done) != 0) {
         std::remove(path);
-        return fourcc("EIO ");
+        return kErrIo;
     }
-    return gap ? fourcc("Egga") : 0;
+    return gap ? kErrSavedWithErrors : 0;
 }
 
 } // namespace KEL

@@ -126,11 +126,6 @@ void rbuffer2_unlock_reader(rbuffer2* rb)
     rb->read_lock.clear(std::memory_order_release);
 }
 
-int rbuffer2_allocation_size(rbuffer2* rb)
-{
-    return rb ? rb->alloc_size : 0;
-}
-
 void rbuffer2_positions(rbuffer2* rb, int* read_pos, int* write_pos)
 {
     *read_pos = rb ? rb->read_pos : 0;

@@ -50,8 +50,6 @@ namespace KEL {
  * go. While held, rbuffer2_read returns 0 at once. */
 void rbuffer2_lock_reader(rbuffer2* rb);
 void rbuffer2_unlock_reader(rbuffer2* rb);
-/* Bytes allocated for both lanes together; 0 without storage. */
-int rbuffer2_allocation_size(rbuffer2* rb);
 /* The current read and write positions (for diagnostics). */
 void rbuffer2_positions(rbuffer2* rb, int* read_pos, int* write_pos);
 

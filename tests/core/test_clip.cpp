@@ -35,27 +35,6 @@ void add(Clip& clip, Packet* p)
 
 } // namespace
 
-TEST(ClipArray, GrowsLinearlyInSteps)
-{
-    FakeClip clip(44100.0f, 1024, nullptr);
-    Packet* p = sized_packet(44100.0f, 1, 1, 0);
-    for (int i = 0; i < 8192; ++i)
-        clip.add_packet(p);
-    EXPECT_EQ(clip.packet_capacity, 8192);
-    clip.add_packet(p);
-    EXPECT_EQ(clip.packet_capacity, 16384);
-    EXPECT_EQ(clip.packet_count, 8193);
-    EXPECT_EQ(p->retain_count(), 8194);
-    for (int i = 0; i < 8192; ++i)
-        clip.add_packet(p);
-    EXPECT_EQ(clip.packet_capacity, 24576) << "growth is linear, never doubling";
-    clip.close(nullptr);
-    EXPECT_EQ(p->retain_count(), 1);
-    EXPECT_EQ(clip.packet_count, 0);
-    EXPECT_EQ(clip.packets, nullptr);
-    p->release();
-}
-
 TEST(ClipArray, BoundsCheckedAccess)
 {
     FakeClip clip(44100.0f, 1024, nullptr);
