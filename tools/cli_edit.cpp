@@ -289,6 +289,35 @@ int run_splice(const Args& args)
     int err = 0;
     if (!kel_clip_will_accept(clip.get(), other.get(), &err))
         fail_library(err != 0 ? err : KEL_ERR_CLIP_MISMATCH, other.name());
+    // At a seam inside the result, trims cannot be written; packets that
+    // are trimmed whole (AAC's priming packet, say) are left out instead.
+    // What remains of a trim within a packet (an MP3's encoder delay and
+    // padding) plays at the seam.
+    const auto whole_packets = [](ToolClip& c, int frames, bool from_start) {
+        const std::vector<long long>& b = c.boundaries();
+        int n = 0;
+        const int count = c.packet_count();
+        while (n < count - 1 && (from_start ? b[static_cast<size_t>(n) + 1] : b.back() - b[static_cast<size_t>(count - n - 1)]) <= frames)
+            ++n;
+        return n;
+    };
+    const int drop_front = at > 0 ? whole_packets(other, other.start_trim(), true) : 0;
+    const int drop_back = at < clip.packet_count() ? whole_packets(other, other.end_trim(), false) : 0;
+    if (drop_front + drop_back > 0) {
+        const int start = other.start_trim(), end = other.end_trim();
+        const std::vector<long long>& b = other.boundaries();
+        const int count = other.packet_count();
+        const long long front = b[static_cast<size_t>(drop_front)];
+        const long long back = b.back() - b[static_cast<size_t>(count - drop_back)];
+        ToolClip kept(kel_clip_copy(other.get(), drop_front, count - 1 - drop_back, &err), other.name());
+        if (kept.get() == nullptr)
+            fail_library(err, other.name());
+        int unused = 0; // both trims lie within what is kept
+        kel_clip_set_trims(kept.get(), static_cast<int>(start - front), static_cast<int>(end - back), &unused);
+        std::printf("left out %d packets of %s that only its trims cover\n", drop_front + drop_back,
+                    other.name().c_str());
+        other = std::move(kept);
+    }
     const int inserted = other.packet_count();
     kel_clip_insert(clip.get(), at, other.get(), &err);
     if (err != 0)
@@ -340,6 +369,36 @@ int run_gain(const Args& args)
     return kExitOk;
 }
 
+namespace {
+
+// A fade over packets first..last from level `from` to level `to`. PCM and
+// Apple Lossless take the library's envelope (the square of a straight
+// ramp, frame by frame). MP3 and AAC can only step each packet's global
+// gain, and the library would fold the envelope into gains truncated
+// toward 1; each packet gets the step nearest to the ramp's value at its
+// middle instead.
+void fade(ToolClip& clip, PacketRange r, float from, float to)
+{
+    int err = 0;
+    const int format = clip.info().format;
+    if (format == KEL_FORMAT_MP3 || format == KEL_FORMAT_AAC) {
+        const double n = r.last - r.first + 1;
+        for (int p = r.first; p <= r.last && err == 0; ++p) {
+            const double level = from + (to - from) * (p - r.first + 0.5) / n;
+            const float before = kel_clip_packet_applied_gain(clip.get(), p, &err);
+            if (err == 0)
+                kel_clip_packet_set_gain_nearest(clip.get(), p, static_cast<float>(before * level * level), &err);
+        }
+        if (err != 0)
+            fail_library(err, clip.name());
+    } else if (!kel_clip_log_fade(clip.get(), r.first, r.last, from, to, &err)) {
+        fail_library(err, clip.name());
+    }
+    clip.note_edited(r);
+}
+
+} // namespace
+
 int run_fade(const Args& args)
 {
     const Options o("fade", args, {{"in", true}, {"out", true}, kOutput, kCodec});
@@ -353,20 +412,15 @@ int run_fade(const Args& args)
     const std::string out = o.required("output");
     ToolClip clip = ToolClip::open(o.positional()[0]);
     const int count = clip.packet_count();
-    int err = 0;
     if (in > 0.0) {
         const int last = std::min(count - 1, std::max(1, clip.boundary_at(in)) - 1);
-        if (!kel_clip_log_fade(clip.get(), 0, last, 0.0f, 1.0f, &err))
-            fail_library(err, clip.name());
-        clip.note_edited({0, last});
+        fade(clip, {0, last}, 0.0f, 1.0f);
         std::printf("fade in over %s\n", clip.describe({0, last}).c_str());
     }
     if (out_seconds > 0.0) {
         const double start = std::max(0.0, clip.duration_seconds() - out_seconds);
         const int first = std::max(0, std::min(count - 1, clip.boundary_at(start)));
-        if (!kel_clip_log_fade(clip.get(), first, count - 1, 1.0f, 0.0f, &err))
-            fail_library(err, clip.name());
-        clip.note_edited({first, count - 1});
+        fade(clip, {first, count - 1}, 1.0f, 0.0f);
         std::printf("fade out over %s\n", clip.describe({first, count - 1}).c_str());
     }
     clip.save(out, output_settings(o));
