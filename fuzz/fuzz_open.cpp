@@ -3,15 +3,24 @@
 // saved, so that the packet paths see the fuzzed headers too.
 //
 // Build: cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DKEL_BUILD_FUZZ=ON
-// Run:   build-fuzz/fuzz/fuzz_open -max_total_time=60 CORPUS_DIR
+// Run:   build-fuzz/fuzz/fuzz_open -max_total_time=60 fuzz/corpus/open
+// The test suite replays fuzz/corpus/open through this entry function
+// (replay_main.cpp) in every build; inputs that once failed go there, named
+// after the fault.
 #include "kel.h"
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
+
+namespace {
+constexpr off_t kMaxOutputBytes = 16 << 20;
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -50,7 +59,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (out_fd >= 0) {
                 close(out_fd);
                 kel_clip_save_to(clip, saved, nullptr, 0, nullptr, 0, &err, nullptr);
+                // No input may make the library write more than 16 MB.
+                struct stat st {};
+                const bool oversized = stat(saved, &st) == 0 && st.st_size > kMaxOutputBytes;
                 unlink(saved);
+                if (oversized)
+                    std::abort();
             }
         }
         kel_clip_close(clip, nullptr);

@@ -75,6 +75,10 @@ public:
     // what it kept from other frames as if it belonged here. Base: false.
     virtual bool packet_needs_fresh_codec(int index);
 
+    // Set by a loader when the file's tables claimed more than its bytes
+    // hold and packets were cut to what is there: saves then report "Egga".
+    bool source_damaged = false;
+
     // The information record's fields every coded clip fills alike: the
     // format number, the parameters, the stream figures and the rate mode
     // (2 variable, 1 constant); the MPEG version and stereo mode are 0.

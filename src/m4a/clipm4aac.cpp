@@ -11,6 +11,8 @@
 #include "m4a/m4a_saveraac.h"
 #include "m4a/packetm4aac.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <new>
 #include <unistd.h>
@@ -213,6 +215,7 @@ int ClipM4AAC::load(const char* path, M4A_Parser* parser, _kel_progress_ext_t* p
     backing_file = store;
 
     const int count = parser->get_packet_count();
+    const long long file_size = M4A_Parser::size_of_file(path);
     ProgressThrottle throttle(progress);
     int code = 0;
     for (int i = 0; i < count && code == 0; ++i) {
@@ -220,8 +223,13 @@ int ClipM4AAC::load(const char* path, M4A_Parser* parser, _kel_progress_ext_t* p
         int size = 0;
         int frames = 0;
         int rate = 0;
-        if (parser->get_packet_info(i, &offset, &size, &frames) == 0 || size < 0 ||
-            !packet_bit_rate(size, sample_rate, frames, rate)) {
+        if (parser->get_packet_info(i, &offset, &size, &frames) == 0 || size < 0) {
+            code = kErrCorruptAac;
+            break;
+        }
+        if (M4A_Parser::clamp_to_file(file_size, frames_per_packet(), offset, size, frames))
+            source_damaged = true;
+        if (!packet_bit_rate(size, sample_rate, frames, rate)) {
             code = kErrCorruptAac;
             break;
         }
@@ -274,12 +282,12 @@ int ClipM4AAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_prog
         int frames = 0;
         int packet_rate = 0;
         if (parser->get_packet_info(i, nullptr, &size, &frames) == 0 || size < 0 ||
-            !packet_bit_rate(size, rate, frames, packet_rate)) {
+            !packet_bit_rate(size, rate, std::min(frames, kFramesPerPacket), packet_rate)) {
             code = kErrCorruptAac;
             break;
         }
         total_bytes += size;
-        total_frames += frames;
+        total_frames += std::min(frames, kFramesPerPacket); // what a decoder yields
         if (i == 0)
             first_rate = packet_rate;
         else if (packet_rate != first_rate)
@@ -304,7 +312,10 @@ int ClipM4AAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_prog
     if (constant)
         info->bit_rate = first_rate;
     else
-        info->bit_rate = seconds > 0.0 ? static_cast<int>(static_cast<double>(total_bytes) * 8.0 / seconds) : 0;
+        // Tables may claim far more bytes than frames; the average is
+        // kept within the field.
+        const double average = seconds > 0.0 ? static_cast<double>(total_bytes) * 8.0 / seconds : 0.0;
+        info->bit_rate = average < static_cast<double>(INT_MAX) ? static_cast<int>(average) : INT_MAX;
     info->mpeg_version = 0;
     info->stereo_mode = 0;
     report_progress(progress, 100.0f);
@@ -347,6 +358,8 @@ int ClipM4AAC::save_to(const char* path, const void* first_block, int first_leng
                 unlink(path);
         }
     }
+    if (code == 0 && source_damaged)
+        code = kErrSavedWithErrors;
     if (err != nullptr)
         *err = code;
     return code;

@@ -21,6 +21,10 @@ namespace KEL {
 
 namespace {
 
+// The frames of the packets this clip decodes whole; a packet that claims
+// more is cut to them.
+constexpr int kMaxAlacFrames = 4096;
+
 // The cookie layout the decoder gives: a 12-byte "frma" atom, then the
 // "alac" atom, whose bit depth lands at byte 29 and whose history
 // multiplier, always 40, at byte 30 marks the layout.
@@ -258,6 +262,7 @@ int ClipM4ALAC::load(const char* path, M4A_ParserALAC* parser, _kel_progress_ext
 
     int code = 0;
     const int count = parser->get_packet_count();
+    const long long file_size = M4A_Parser::size_of_file(path);
     ProgressThrottle throttle(progress);
     for (int i = 0; i < count; ++i) {
         long long offset = 0;
@@ -269,6 +274,8 @@ int ClipM4ALAC::load(const char* path, M4A_ParserALAC* parser, _kel_progress_ext
             code = kErrCorruptAlac;
             break;
         }
+        if (M4A_Parser::clamp_to_file(file_size, kMaxAlacFrames, offset, size, frames))
+            source_damaged = true;
         BSHandleFile* handle = backing_file->NewHandle(offset, size);
         if (handle == nullptr) {
             code = kErrInternal;
@@ -316,6 +323,7 @@ int ClipM4ALAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_pro
 
     (void)report_progress(progress, 0.0f);
     ProgressThrottle throttle(progress);
+    const long long file_size = M4A_Parser::size_of_file(path);
     long long total_bytes = 0;
     long long total_frames = 0;
     int common_rate = 0;
@@ -328,6 +336,7 @@ int ClipM4ALAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_pro
             code = kErrCorruptAlac;
             break;
         }
+        M4A_Parser::clamp_to_file(file_size, kMaxAlacFrames, offset, size, frames);
         total_bytes += size;
         total_frames += frames;
         const int packet_rate = packet_bit_rate(size, rate, frames);
@@ -446,7 +455,7 @@ int ClipM4ALAC::save_to(const char* path, const void* block1, int block1_len, co
         }
     }
 
-    if (*err == 0 && damaged)
+    if (*err == 0 && (damaged || source_damaged))
         *err = kErrSavedWithErrors;
     std::fclose(file);
     if (*err != 0 && *err != kErrSavedWithErrors)

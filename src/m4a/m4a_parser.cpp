@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdint>
 #include <cstdlib>
+#include <sys/stat.h>
 
 namespace KEL {
 
@@ -247,6 +248,27 @@ uint32_t time_scale(FILE* file, const char* path)
 }
 
 } // namespace
+
+bool M4A_Parser::clamp_to_file(long long file_size, int max_frames, long long offset, int& size, int& frames)
+{
+    bool cut = false;
+    const long long held = offset >= 0 && offset <= file_size ? file_size - offset : 0;
+    if (size > held) {
+        size = static_cast<int>(held);
+        cut = true;
+    }
+    if (frames > max_frames) {
+        frames = max_frames;
+        cut = true;
+    }
+    return cut;
+}
+
+long long M4A_Parser::size_of_file(const char* path)
+{
+    struct stat st{};
+    return path != nullptr && stat(path, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
 
 bool M4A_Parser::edit_trims(long long total, int& start, int& end) const
 {

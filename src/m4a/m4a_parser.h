@@ -53,6 +53,16 @@ public:
     long long edit_start = -1;
     long long edit_frames = -1;
 
+    // Cuts a packet the tables describe down to what a file of file_size
+    // bytes holds and to max_frames frames, the most its decoder yields;
+    // true when anything was cut. The tables' acceptance rules let a file
+    // claim far more than it has (gigabytes of packet bytes, hours of
+    // frames in a few packets); what is read, kept, drawn and written is
+    // bounded by the bytes really there.
+    static bool clamp_to_file(long long file_size, int max_frames, long long offset, int& size, int& frames);
+    // The size of an open file, or -1.
+    static long long size_of_file(const char* path);
+
     // The clip's trims from the edit list for a track of total frames:
     // false when there is none or it does not fit the frames (it is then
     // not trusted).
