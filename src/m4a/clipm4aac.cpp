@@ -309,13 +309,10 @@ int ClipM4AAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_prog
     info->bits_per_sample = 16;
     info->duration = static_cast<float>(seconds);
     info->rate_mode = constant ? 1 : 2;
-    if (constant)
-        info->bit_rate = first_rate;
-    else
-        // Tables may claim far more bytes than frames; the average is
-        // kept within the field.
-        const double average = seconds > 0.0 ? static_cast<double>(total_bytes) * 8.0 / seconds : 0.0;
-        info->bit_rate = average < static_cast<double>(INT_MAX) ? static_cast<int>(average) : INT_MAX;
+    // Tables may claim far more bytes than frames; the average is kept
+    // within the field.
+    const double average = seconds > 0.0 ? static_cast<double>(total_bytes) * 8.0 / seconds : 0.0;
+    info->bit_rate = constant ? first_rate : average < static_cast<double>(INT_MAX) ? static_cast<int>(average) : INT_MAX;
     info->mpeg_version = 0;
     info->stereo_mode = 0;
     report_progress(progress, 100.0f);
