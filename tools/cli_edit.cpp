@@ -15,7 +15,10 @@ namespace KEL::cli {
 #define KEL_CODEC_HELP                                                            \
     "  --codec aac|alac\n"                                                        \
     "              the codec of an .m4a output (default: the input's when it\n"   \
-    "              is AAC or Apple Lossless, else AAC)\n"
+    "              is AAC or Apple Lossless, else AAC)\n"                         \
+    "  --no-tags   write no tags; otherwise the input's tags (title, artist,\n"   \
+    "              cover picture and the rest) are carried into the output,\n"  \
+    "              the common ones across formats (none into .caf)\n"
 
 #define KEL_RANGE_HELP                                                            \
     "  --start T   start of the range in seconds (default: the beginning)\n"      \
@@ -47,7 +50,8 @@ const char* const kSpliceHelp =
     "usage: kel splice FILE --at T --insert OTHER -o OUT\n"
     "\n"
     "Inserts all of OTHER into FILE and writes the result. The two files must\n"
-    "have the same format, channels, sample rate and sample width.\n"
+    "have the same format, channels, sample rate and sample width. The\n"
+    "result carries the tags of FILE.\n"
     "\n"
     "  --at T          where to insert, in seconds, rounded to the nearest\n"
     "                  packet boundary (default: the end)\n"
@@ -99,8 +103,9 @@ constexpr Options::Known kEnd{"end", true};
 constexpr Options::Known kPacketsFlag{"packets", false};
 constexpr Options::Known kOutput{"output", true};
 constexpr Options::Known kCodec{"codec", true};
+constexpr Options::Known kNoTags{"no-tags", false};
 
-// What --codec asks of an output (the container's codec otherwise).
+// What --codec and --no-tags ask of an output.
 SaveSettings output_settings(const Options& o)
 {
     SaveSettings s;
@@ -111,6 +116,7 @@ SaveSettings output_settings(const Options& o)
         s.codec = KEL_FORMAT_ALAC;
     else if (!codec.empty())
         fail_usage(o.command(), "--codec must be aac or alac");
+    s.tags = !o.has("no-tags");
     return s;
 }
 
@@ -146,7 +152,7 @@ void put_in_front(ToolClip& clip, const ToolClip& frames)
 
 int keep_or_remove(const char* command, const char* help, const Args& args, bool keep)
 {
-    const Options o(command, args, {kStart, kEnd, kPacketsFlag, kOutput, kCodec});
+    const Options o(command, args, {kStart, kEnd, kPacketsFlag, kOutput, kCodec, kNoTags});
     if (o.help())
         return show_help(help);
     o.expect_positional(1, "input file");
@@ -167,7 +173,7 @@ int keep_or_remove(const char* command, const char* help, const Args& args, bool
         fail(clip.name() + ": the cut takes every packet; nothing would remain");
     put_in_front(result, padding);
     if (keep)
-        piece.set_leading_tag(clip.leading_tag());
+        piece.set_tag_source(clip.tag_source());
     std::printf("%s %s; %d packets, %.3f s left\n", keep ? "kept" : "removed", what.c_str(),
                 result.packet_count(), result.duration_seconds());
     result.save(out, output_settings(o));
@@ -189,7 +195,7 @@ int run_copy(const Args& args)
 
 int run_splice(const Args& args)
 {
-    const Options o("splice", args, {{"at", true}, {"insert", true}, kPacketsFlag, kOutput, kCodec});
+    const Options o("splice", args, {{"at", true}, {"insert", true}, kPacketsFlag, kOutput, kCodec, kNoTags});
     if (o.help())
         return show_help(kSpliceHelp);
     o.expect_positional(1, "input file");
@@ -223,7 +229,7 @@ int run_splice(const Args& args)
 
 int run_gain(const Args& args)
 {
-    const Options o("gain", args, {{"db", true}, kStart, kEnd, kPacketsFlag, kOutput, kCodec});
+    const Options o("gain", args, {{"db", true}, kStart, kEnd, kPacketsFlag, kOutput, kCodec, kNoTags});
     if (o.help())
         return show_help(kGainHelp);
     o.expect_positional(1, "input file");
@@ -263,7 +269,7 @@ int run_gain(const Args& args)
 
 int run_fade(const Args& args)
 {
-    const Options o("fade", args, {{"in", true}, {"out", true}, kOutput, kCodec});
+    const Options o("fade", args, {{"in", true}, {"out", true}, kOutput, kCodec, kNoTags});
     if (o.help())
         return show_help(kFadeHelp);
     o.expect_positional(1, "input file");
@@ -298,7 +304,8 @@ int run_fade(const Args& args)
 int run_convert(const Args& args)
 {
     const Options o("convert", args,
-                    {{"rate", true}, {"bits", true}, {"bitrate", true}, {"vbr", false}, {"lossless", false}, kOutput, kCodec});
+                    {{"rate", true}, {"bits", true}, {"bitrate", true}, {"vbr", false}, {"lossless", false}, kOutput,
+                     kCodec, kNoTags});
     if (o.help())
         return show_help(kConvertHelp);
     o.expect_positional(1, "input file");
