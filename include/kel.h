@@ -253,6 +253,29 @@ KEL_API int kel_clip_set_trims(kel_clip_t* clip, int start, int end, int* err);
 KEL_API void kel_set_raw_packet_size(int size);
 KEL_API int kel_get_raw_packet_size(void);
 
+/* ---- Tags --------------------------------------------------------------- */
+
+/* Copies the tags of the audio file `from` into the audio file `to` (for
+ * instance one kel_clip_save_to has just written), replacing any tags `to`
+ * has. Between files of one container every item goes over: ID3v2 frames
+ * (pictures included), ID3v1 and APE for MP3; every ilst item (covr
+ * included) for AAC and Apple Lossless; RIFF INFO and ID3 chunks for WAVE;
+ * ID3 and text chunks for AIFF. ID3v2 frames also go whole among MP3, WAVE
+ * and AIFF. Otherwise the common fields (title, artist, album, track
+ * number, date, genre, comment) and the front cover map over. ID3v2 frames
+ * that state the audio's length or byte positions (TLEN, MLLT, SEEK, ASPI)
+ * are left out, as `to` is taken to hold edited audio. CAF files neither
+ * give nor take tags.
+ * Returns the code also left in *err: 0 on success, also when `from` has
+ * no tags (then `to` keeps none); KEL_ERR_SAVED_WITH_ERRORS, a warning,
+ * when a tag block of `from` cannot be read or `to` cannot take the tags:
+ * `to` then keeps its audio as it was, untouched; KEL_ERR_OPEN,
+ * KEL_ERR_OPEN_READ or KEL_ERR_IS_DIRECTORY when either file cannot be
+ * opened; KEL_ERR_PARAMETER for a null or empty path. `to` is rewritten
+ * as a new file of the same name (written beside it, then renamed over
+ * it), so its directory must be writable. */
+KEL_API int kel_tags_copy(const char* from, const char* to, int* err);
+
 /* ---- Error objects ---------------------------------------------------- */
 
 /* The error domain of every kel_error_t. */

@@ -16,7 +16,10 @@ namespace KEL::cli {
 #define KEL_CODEC_HELP                                                            \
     "  --codec aac|alac\n"                                                        \
     "              the codec of an .m4a output (default: the input's when it\n"   \
-    "              is AAC or Apple Lossless, else AAC)\n"
+    "              is AAC or Apple Lossless, else AAC)\n"                         \
+    "  --no-tags   write no tags; otherwise the input's tags (title, artist,\n"   \
+    "              cover picture and the rest) are carried into the output,\n"  \
+    "              the common ones across formats (none into .caf)\n"
 
 #define KEL_RANGE_HELP                                                            \
     "  --start T   start of the range in seconds (default: the beginning)\n"      \
@@ -48,7 +51,8 @@ const char* const kSpliceHelp =
     "usage: kel splice FILE --at T --insert OTHER -o OUT\n"
     "\n"
     "Inserts all of OTHER into FILE and writes the result. The two files must\n"
-    "have the same format, channels, sample rate and sample width.\n"
+    "have the same format, channels, sample rate and sample width. The\n"
+    "result carries the tags of FILE.\n"
     "\n"
     "  --at T          where to insert, in seconds, rounded to the nearest\n"
     "                  packet boundary (default: the end)\n"
@@ -100,8 +104,9 @@ constexpr Options::Known kEnd{"end", true};
 constexpr Options::Known kPacketsFlag{"packets", false};
 constexpr Options::Known kOutput{"output", true};
 constexpr Options::Known kCodec{"codec", true};
+constexpr Options::Known kNoTags{"no-tags", false};
 
-// What --codec asks of an output (the container's codec otherwise).
+// What --codec and --no-tags ask of an output.
 SaveSettings output_settings(const Options& o)
 {
     SaveSettings s;
@@ -112,6 +117,7 @@ SaveSettings output_settings(const Options& o)
         s.codec = KEL_FORMAT_ALAC;
     else if (!codec.empty())
         fail_usage(o.command(), "--codec must be aac or alac");
+    s.tags = !o.has("no-tags");
     return s;
 }
 
@@ -201,7 +207,7 @@ ToolClip exact_copy(ToolClip& clip, long long from, long long to)
 
 int keep_or_remove(const char* command, const char* help, const Args& args, bool keep)
 {
-    const Options o(command, args, {kStart, kEnd, kPacketsFlag, kOutput, kCodec});
+    const Options o(command, args, {kStart, kEnd, kPacketsFlag, kOutput, kCodec, kNoTags});
     if (o.help())
         return show_help(help);
     o.expect_positional(1, "input file");
@@ -219,6 +225,7 @@ int keep_or_remove(const char* command, const char* help, const Args& args, bool
         else if (f.end >= end)
             piece = exact_copy(clip, begin, f.start);
         if (piece.get() != nullptr) {
+            piece.set_tag_source(clip.tag_source());
             const double rate = clip.info().sample_rate;
             std::printf("%s %.6f s to %.6f s (frames %lld to %lld); %.6f s left\n", keep ? "kept" : "removed",
                         (f.start - begin) / rate, (f.end - begin) / rate, f.start - begin, f.end - begin,
@@ -245,8 +252,7 @@ int keep_or_remove(const char* command, const char* help, const Args& args, bool
         fail(clip.name() + ": the cut takes every packet; nothing would remain");
     put_in_front(result, padding);
     if (keep)
-        piece.set_leading_tag(clip.leading_tag());
-
+        piece.set_tag_source(clip.tag_source());
     std::printf("%s %s; %d packets, %.3f s left\n", keep ? "kept" : "removed", what.c_str(),
                 result.packet_count(), result.duration_seconds());
     result.save(out, output_settings(o));
@@ -268,7 +274,7 @@ int run_copy(const Args& args)
 
 int run_splice(const Args& args)
 {
-    const Options o("splice", args, {{"at", true}, {"insert", true}, kPacketsFlag, kOutput, kCodec});
+    const Options o("splice", args, {{"at", true}, {"insert", true}, kPacketsFlag, kOutput, kCodec, kNoTags});
     if (o.help())
         return show_help(kSpliceHelp);
     o.expect_positional(1, "input file");
@@ -331,7 +337,7 @@ int run_splice(const Args& args)
 
 int run_gain(const Args& args)
 {
-    const Options o("gain", args, {{"db", true}, kStart, kEnd, kPacketsFlag, kOutput, kCodec});
+    const Options o("gain", args, {{"db", true}, kStart, kEnd, kPacketsFlag, kOutput, kCodec, kNoTags});
     if (o.help())
         return show_help(kGainHelp);
     o.expect_positional(1, "input file");
@@ -401,7 +407,7 @@ void fade(ToolClip& clip, PacketRange r, float from, float to)
 
 int run_fade(const Args& args)
 {
-    const Options o("fade", args, {{"in", true}, {"out", true}, kOutput, kCodec});
+    const Options o("fade", args, {{"in", true}, {"out", true}, kOutput, kCodec, kNoTags});
     if (o.help())
         return show_help(kFadeHelp);
     o.expect_positional(1, "input file");
@@ -431,7 +437,8 @@ int run_fade(const Args& args)
 int run_convert(const Args& args)
 {
     const Options o("convert", args,
-                    {{"rate", true}, {"bits", true}, {"bitrate", true}, {"vbr", false}, {"lossless", false}, kOutput, kCodec});
+                    {{"rate", true}, {"bits", true}, {"bitrate", true}, {"vbr", false}, {"lossless", false}, kOutput,
+                     kCodec, kNoTags});
     if (o.help())
         return show_help(kConvertHelp);
     o.expect_positional(1, "input file");

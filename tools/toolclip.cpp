@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
+#include <cstdio>
 #include <utility>
 
 namespace KEL::cli {
@@ -94,27 +94,27 @@ bool needs_transcode(const Target& t, const _kel_clip_info_t& source, const Save
     return s.bit_rate != 0 || s.vbr; // coded formats re-encode only when asked
 }
 
-// The ID3v2 tag at the start of a file, whole (header, body and footer),
-// or nothing when the file does not start with one or is shorter than the
-// tag claims.
-std::vector<unsigned char> read_id3v2_tag(const std::string& path)
+// Tags go in before the written file is checked and renamed into place, so
+// that the check covers the file as it will stay. A tag block that cannot
+// be read, or a format without a place for tags, costs the tags only.
+void copy_tags(const std::string& source, const std::string& written, const std::string& target, int format)
 {
-    std::vector<unsigned char> tag;
-    std::ifstream in(path, std::ios::binary);
-    unsigned char h[10];
-    if (!in.read(reinterpret_cast<char*>(h), sizeof h) || h[0] != 'I' || h[1] != 'D' || h[2] != '3')
-        return tag;
-    // Header: "ID3", version (2 bytes), flags (0x10: a 10-byte footer
-    // follows), then the body size as four 7-bit bytes.
-    size_t size = sizeof h + (static_cast<size_t>(h[6] & 0x7F) << 21 | static_cast<size_t>(h[7] & 0x7F) << 14 |
-                              static_cast<size_t>(h[8] & 0x7F) << 7 | static_cast<size_t>(h[9] & 0x7F));
-    if ((h[5] & 0x10) != 0)
-        size += 10;
-    tag.assign(h, h + sizeof h);
-    tag.resize(size);
-    if (!in.read(reinterpret_cast<char*>(tag.data() + sizeof h), static_cast<std::streamsize>(size - sizeof h)))
-        tag.clear();
-    return tag;
+    if (source.empty())
+        return;
+    int err = 0;
+    kel_tags_copy(source.c_str(), written.c_str(), &err);
+    if (KELErrorIsFatal(err))
+        fail_library(err, source);
+    if (err == 0)
+        return;
+    if (format == KEL_FORMAT_CAF)
+        std::fprintf(stderr, "kel: warning: %s: CAF files take no tags; those of %s were left out (%s)\n",
+                     target.c_str(), source.c_str(), code_text(err).c_str());
+    else
+        std::fprintf(stderr,
+                     "kel: warning: %s: the tags of %s could not be read or written and were left out; the audio "
+                     "is saved whole (%s)\n",
+                     target.c_str(), source.c_str(), code_text(err).c_str());
 }
 
 } // namespace
@@ -133,8 +133,7 @@ ToolClip ToolClip::open(const std::string& path)
         fail_library(err != 0 ? err : KEL_ERR_UNKNOWN, path);
     if (err != 0)
         warn_library(err, path);
-    if (owned.info().format == KEL_FORMAT_MP3)
-        owned.leading_tag_ = read_id3v2_tag(path);
+    owned.tag_source_ = path;
     return owned;
 }
 
@@ -147,7 +146,7 @@ ToolClip::~ToolClip()
 
 ToolClip::ToolClip(ToolClip&& other) noexcept
     : clip_(std::exchange(other.clip_, nullptr)), name_(std::move(other.name_)),
-      boundaries_(std::move(other.boundaries_)), leading_tag_(std::move(other.leading_tag_))
+      boundaries_(std::move(other.boundaries_)), tag_source_(std::move(other.tag_source_))
 {
 }
 
@@ -158,7 +157,7 @@ ToolClip& ToolClip::operator=(ToolClip&& other) noexcept
         clip_ = std::exchange(other.clip_, nullptr);
         name_ = std::move(other.name_);
         boundaries_ = std::move(other.boundaries_);
-        leading_tag_ = std::move(other.leading_tag_);
+        tag_source_ = std::move(other.tag_source_);
     }
     return *this;
 }
@@ -395,10 +394,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
     int err = 0;
     {
         ProgressBar bar("save");
-        // An MP3 keeps the ID3v2 tag of the file it came from.
-        const bool tagged = t.format == KEL_FORMAT_MP3 && !leading_tag_.empty();
-        kel_clip_save_to(to_save, partial.path().c_str(), tagged ? leading_tag_.data() : nullptr,
-                         tagged ? static_cast<int>(leading_tag_.size()) : 0, nullptr, 0, &err, bar.record());
+        kel_clip_save_to(to_save, partial.path().c_str(), nullptr, 0, nullptr, 0, &err, bar.record());
     }
     // Saving runs to its end even when the callback says stop; the tool
     // drops the finished file instead (PartialFile removes it).
@@ -407,6 +403,8 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         fail_library(err, path);
     if (err != 0)
         warn_library(err, path);
+    if (settings.tags)
+        copy_tags(tag_source_, partial.path(), path, t.format);
     // Readers (this library's scan, ffmpeg's probe) recognise an MP3 stream
     // by two frames in a row, so one frame alone is not found again. The
     // file is what was asked for and is kept, but the status says it will

@@ -36,6 +36,8 @@ struct SaveSettings {
     // The codec asked for an .m4a output (KEL_FORMAT_AAC or _ALAC); 0 keeps
     // the source's where the container holds it, else AAC.
     int codec = 0;
+    // Whether the output carries the tags of the clip's source file.
+    bool tags = true;
 };
 
 class ToolClip {
@@ -83,7 +85,8 @@ public:
 
     // Writes the clip to `path`. The extension picks the format; when it
     // differs from the clip's or settings change a parameter, the clip is
-    // transcoded first. Progress bars for both steps; Ctrl-C or a failure
+    // transcoded first. The tags of tag_source() are copied in unless the
+    // settings say not to. Progress bars for both steps; Ctrl-C or a failure
     // leaves no file at `path` (and an existing one untouched).
     void save(const std::string& path, const SaveSettings& settings = SaveSettings());
 
@@ -94,16 +97,16 @@ public:
     // needs to know whether the last packet was among them.
     void note_edited(PacketRange range);
 
-    // The bytes written in front of the audio when the clip is saved as MP3:
-    // the ID3v2 tag of the MP3 file it was opened from (empty when none).
-    const std::vector<unsigned char>& leading_tag() const { return leading_tag_; }
-    void set_leading_tag(std::vector<unsigned char> tag) { leading_tag_ = std::move(tag); }
+    // The file whose tags a save carries over: the file the clip was opened
+    // from, or that of the clip a piece was taken from (empty: none).
+    const std::string& tag_source() const { return tag_source_; }
+    void set_tag_source(std::string path) { tag_source_ = std::move(path); }
 
 private:
     kel_clip_t* clip_ = nullptr;
     std::string name_;
     std::vector<long long> boundaries_;
-    std::vector<unsigned char> leading_tag_;
+    std::string tag_source_;
     bool last_packet_edited_ = false;
 };
 
