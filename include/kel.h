@@ -24,13 +24,16 @@
 #ifdef __cplusplus
 namespace KEL {
 class Clip;
+class LoudnessMeter;
 class Overview;
 }
 typedef KEL::Clip kel_clip_t;
+typedef KEL::LoudnessMeter kel_loudness_meter_t;
 typedef KEL::Overview kel_overview_t;
 extern "C" {
 #else
 typedef struct kel_clip kel_clip_t;
+typedef struct kel_loudness_meter kel_loudness_meter_t;
 typedef struct kel_overview kel_overview_t;
 #endif
 
@@ -70,6 +73,14 @@ typedef struct _kel_clip_info_t {
     int mpeg_version;    /* MP3 only: 1, 2 or 3 (MPEG-2.5); else 0 */
     int stereo_mode;     /* MP3 only: KELClipStereoMode; else 0 */
 } _kel_clip_info_t;
+
+/* Loudness as ITU-R BS.1770-4 and EBU R128 measure it. */
+typedef struct kel_loudness_t {
+    double integrated_lufs; /* LUFS; -infinity for digital silence */
+    double range_lu;        /* loudness range, LU */
+    double sample_peak;     /* largest sample magnitude, 1.0 = full scale */
+    double true_peak;       /* largest magnitude of the 4x oversampled signal */
+} kel_loudness_t;
 
 /* ---- Format codes ---------------------------------------------------- */
 
@@ -247,6 +258,19 @@ KEL_API kel_clip_t* kel_clip_create_padding_clip(kel_clip_t* clip, int packet, i
 KEL_API void kel_clip_get_trims(kel_clip_t* clip, int* start, int* end);
 /* KEL_ERR_PARAMETER when a trim is negative or the two leave no frame. */
 KEL_API int kel_clip_set_trims(kel_clip_t* clip, int start, int end, int* err);
+
+/* Measures the loudness of packets first..last, decoding each once with its
+ * gain and envelope (what a listener hears), through libebur128. Returns a
+ * meter that holds the measurement, or null with the code (KEL_ERR_PACKET_NUMBER,
+ * KEL_ERR_CANCELLED, a decoding error). Free it with kel_loudness_meter_free;
+ * it does not refer to the clip. A single-channel clip counts once. */
+KEL_API kel_loudness_meter_t* kel_clip_measure_loudness(kel_clip_t* clip, int first, int last, int* err,
+                                                        const _kel_progress_t* progress);
+KEL_API void kel_loudness_meter_result(const kel_loudness_meter_t* meter, kel_loudness_t* out);
+/* Several meters as one programme (an album): integrated loudness and range
+ * over all their blocks, the largest peaks. Returns 0 or KEL_ERR_PARAMETER. */
+KEL_API int kel_loudness_album(const kel_loudness_meter_t* const* meters, int count, kel_loudness_t* out);
+KEL_API void kel_loudness_meter_free(kel_loudness_meter_t* meter);
 
 /* Frames per packet of the PCM formats (WAVE, AIFF, CAF) when a file is
  * opened; 0 (the initial value) means 1024. Process-wide, unsynchronised. */

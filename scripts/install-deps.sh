@@ -3,7 +3,7 @@
 # packages that are already there. Run as root (or with sudo available).
 set -euo pipefail
 
-packages=(build-essential cmake pkg-config libgtest-dev libpng-dev python3 gettext locales ffmpeg sox lame libmp3lame0 mp3gain libavcodec-dev libavutil-dev libavformat-dev libtag1-dev)
+packages=(build-essential cmake pkg-config libgtest-dev libpng-dev python3 gettext locales ffmpeg sox lame libmp3lame0 mp3gain libavcodec-dev libavutil-dev libavformat-dev libtag1-dev libebur128-dev)
 
 missing=()
 for p in "${packages[@]}"; do

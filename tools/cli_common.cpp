@@ -197,4 +197,38 @@ std::string db_text(double linear, const char* unit)
     return strprintf("%.2f %s", to_db(linear), unit);
 }
 
+std::string json_string(const std::string& text)
+{
+    std::string out = "\"";
+    for (const char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        switch (c) {
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        default:
+            if (c < 0x20)
+                out += strprintf("\\u%04x", c);
+            else
+                out += ch; // UTF-8 passes through
+        }
+    }
+    return out + "\"";
+}
+
+// Non-finite floats have no JSON spelling.
+std::string json_number(double value)
+{
+    return std::isfinite(value) ? strprintf("%.9g", value) : "null";
+}
+
 } // namespace KEL::cli

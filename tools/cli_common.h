@@ -46,6 +46,11 @@ const char* writable_extensions();
 const char* stereo_mode_name(int mode);
 const char* rate_mode_name(int mode);
 
+// A JSON string literal of text (UTF-8 passes through).
+std::string json_string(const std::string& text);
+// A JSON number; null for values JSON cannot spell (infinities, NaN).
+std::string json_number(double value);
+
 // printf into a std::string.
 std::string strprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // A linear factor in decibels; -inf for 0.

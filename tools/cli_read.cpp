@@ -80,40 +80,6 @@ struct Described {
     int error = 0;
 };
 
-std::string json_string(const std::string& text)
-{
-    std::string out = "\"";
-    for (const char ch : text) {
-        const auto c = static_cast<unsigned char>(ch);
-        switch (c) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            if (c < 0x20)
-                out += strprintf("\\u%04x", c);
-            else
-                out += ch; // UTF-8 passes through
-        }
-    }
-    return out + "\"";
-}
-
-// Non-finite floats have no JSON spelling.
-std::string json_number(double value)
-{
-    return std::isfinite(value) ? strprintf("%.9g", value) : "null";
-}
-
 Described describe(const std::string& path)
 {
     Described d;

@@ -5,6 +5,7 @@
 
 #include "api/formatdispatch.h"
 #include "core/clip.h"
+#include "loudness/loudnessmeter.h"
 #include "overview/overview.h"
 #include "pcm/clipcaff.h"
 
@@ -195,6 +196,29 @@ float kel_clip_packet_get_gain(kel_clip_t* clip, int packet, int* err)
 float kel_clip_packet_quantize_gain(kel_clip_t* clip, int packet, int* err)
 {
     return clip->packet_gain_quantize(packet, ErrorWord(err).cleared());
+}
+
+kel_loudness_meter_t* kel_clip_measure_loudness(kel_clip_t* clip, int first, int last, int* err,
+                                                const _kel_progress_t* progress)
+{
+    ErrorWord e(err);
+    ProgressRecord p(progress);
+    return KEL::LoudnessMeter::measure(*clip, first, last, e.cleared(), p.get());
+}
+
+void kel_loudness_meter_result(const kel_loudness_meter_t* meter, kel_loudness_t* out)
+{
+    meter->result(out);
+}
+
+int kel_loudness_album(const kel_loudness_meter_t* const* meters, int count, kel_loudness_t* out)
+{
+    return KEL::LoudnessMeter::album(meters, count, out);
+}
+
+void kel_loudness_meter_free(kel_loudness_meter_t* meter)
+{
+    delete meter;
 }
 
 void kel_clip_get_trims(kel_clip_t* clip, int* start, int* end)

@@ -1,0 +1,176 @@
+// kel loudness: integrated loudness, loudness range and peaks of files as
+// EBU R128 measures them, with the ReplayGain 2.0 gain, one file or a whole
+// album at a time.
+#include "cli_commands.h"
+#include "cli_common.h"
+#include "options.h"
+#include "progressbar.h"
+#include "toolclip.h"
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+
+namespace KEL::cli {
+
+const char* const kLoudnessHelp =
+    "usage: kel loudness FILE... [--album] [--json]\n"
+    "\n"
+    "Measures each file as ITU-R BS.1770-4 and EBU R128 do: integrated\n"
+    "loudness (LUFS), loudness range (LU), sample peak (dBFS) and true peak\n"
+    "(dBTP, four times oversampled), from the decoded audio, and the\n"
+    "ReplayGain 2.0 track gain: the change that brings the file to -18 LUFS.\n"
+    "Digital silence has no loudness (-inf, null in JSON). A file that cannot\n"
+    "be read is reported and the others are still measured; the status is\n"
+    "then 1.\n"
+    "\n"
+    "  --album   also the values of all the files as one programme, and the\n"
+    "            album gain\n"
+    "  --json    one JSON array, one object per file with the keys file,\n"
+    "            integrated_lufs, range_lu, sample_peak_dbfs, true_peak_dbtp,\n"
+    "            track_gain_db, and with --album album_integrated_lufs and\n"
+    "            album_gain_db (the same in every object); a file that failed\n"
+    "            has file and error instead\n";
+
+namespace {
+
+// ReplayGain 2.0 plays everything at -18 LUFS.
+constexpr double kReferenceLufs = -18.0;
+
+struct MeterFree {
+    void operator()(kel_loudness_meter_t* m) const { kel_loudness_meter_free(m); }
+};
+using Meter = std::unique_ptr<kel_loudness_meter_t, MeterFree>;
+
+struct Measured {
+    std::string file;
+    Meter meter;
+    kel_loudness_t values{};
+    int error = 0;
+};
+
+Measured measure(const std::string& path)
+{
+    Measured m;
+    m.file = path;
+    int err = 0;
+    kel_clip_t* raw = nullptr;
+    {
+        ProgressBar bar("open");
+        raw = kel_clip_open(path.c_str(), &err, bar.record());
+    }
+    ToolClip clip(raw, path);
+    check_interrupt();
+    if (raw == nullptr) {
+        m.error = err != 0 ? err : KEL_ERR_UNKNOWN;
+        return m;
+    }
+    {
+        ProgressBar bar("measure");
+        m.meter.reset(kel_clip_measure_loudness(clip.get(), 0, clip.packet_count() - 1, &err, bar.record()));
+    }
+    check_interrupt();
+    if (m.meter == nullptr) {
+        m.error = err != 0 ? err : KEL_ERR_UNKNOWN;
+        return m;
+    }
+    kel_loudness_meter_result(m.meter.get(), &m.values);
+    return m;
+}
+
+double gain_to_reference(double lufs)
+{
+    return std::isfinite(lufs) ? kReferenceLufs - lufs : NAN;
+}
+
+std::string db_or_inf(double linear_or_db, bool linear, const char* unit)
+{
+    const double db = linear ? to_db(linear_or_db) : linear_or_db;
+    return std::isfinite(db) ? strprintf("%.2f %s", db, unit) : strprintf("-inf %s", unit);
+}
+
+} // namespace
+
+int run_loudness(const Args& args)
+{
+    const Options o("loudness", args, {{"album", false}, {"json", false}});
+    if (o.help())
+        return show_help(kLoudnessHelp);
+    if (o.positional().empty())
+        fail_usage("loudness", "no file given");
+    const bool json = o.has("json");
+    const bool album = o.has("album");
+
+    std::vector<Measured> files;
+    int status = kExitOk;
+    int failed = 0;
+    for (const std::string& path : o.positional()) {
+        files.push_back(measure(path));
+        if (files.back().error != 0) {
+            status = kExitFailure;
+            ++failed;
+            if (!json) {
+                try {
+                    fail_library(files.back().error, path);
+                } catch (const Exit& e) {
+                    if (e.status == kExitCancelled)
+                        throw;
+                }
+            }
+        }
+    }
+
+    kel_loudness_t whole{-INFINITY, 0.0, 0.0, 0.0};
+    if (album) {
+        std::vector<const kel_loudness_meter_t*> meters;
+        for (const Measured& m : files)
+            if (m.meter != nullptr)
+                meters.push_back(m.meter.get());
+        if (!meters.empty())
+            kel_loudness_album(meters.data(), static_cast<int>(meters.size()), &whole);
+    }
+
+    if (json)
+        std::printf("[\n");
+    for (size_t n = 0; n < files.size(); ++n) {
+        const Measured& m = files[n];
+        const kel_loudness_t& v = m.values;
+        if (json) {
+            std::string out = "  {\"file\": " + json_string(m.file);
+            if (m.error != 0) {
+                out += ", \"error\": {\"code\": " + json_string(code_text(m.error)) + "}}";
+            } else {
+                out += ", \"integrated_lufs\": " + json_number(v.integrated_lufs);
+                out += ", \"range_lu\": " + json_number(v.range_lu);
+                out += ", \"sample_peak_dbfs\": " + json_number(to_db(v.sample_peak));
+                out += ", \"true_peak_dbtp\": " + json_number(to_db(v.true_peak));
+                out += ", \"track_gain_db\": " + json_number(gain_to_reference(v.integrated_lufs));
+                if (album) {
+                    out += ", \"album_integrated_lufs\": " + json_number(whole.integrated_lufs);
+                    out += ", \"album_gain_db\": " + json_number(gain_to_reference(whole.integrated_lufs));
+                }
+                out += "}";
+            }
+            std::printf("%s%s\n", out.c_str(), n + 1 < files.size() ? "," : "");
+        } else if (m.error == 0) {
+            std::printf("%s\n", m.file.c_str());
+            std::printf("  integrated   %s\n", db_or_inf(v.integrated_lufs, false, "LUFS").c_str());
+            std::printf("  range        %.2f LU\n", v.range_lu);
+            std::printf("  sample peak  %s\n", db_or_inf(v.sample_peak, true, "dBFS").c_str());
+            std::printf("  true peak    %s\n", db_or_inf(v.true_peak, true, "dBTP").c_str());
+            std::printf("  track gain   %s\n", db_or_inf(gain_to_reference(v.integrated_lufs), false, "dB").c_str());
+        }
+    }
+    if (json)
+        std::printf("]\n");
+    else if (album)
+        std::printf("album\n  integrated   %s\n  range        %.2f LU\n  true peak    %s\n  album gain   %s\n",
+                    db_or_inf(whole.integrated_lufs, false, "LUFS").c_str(), whole.range_lu,
+                    db_or_inf(whole.true_peak, true, "dBTP").c_str(),
+                    db_or_inf(gain_to_reference(whole.integrated_lufs), false, "dB").c_str());
+    if (failed > 0 && !json)
+        std::fprintf(stderr, "kel: %d of %zu files could not be measured\n", failed, files.size());
+    return status;
+}
+
+} // namespace KEL::cli
