@@ -63,6 +63,13 @@ void fail_library(int code, const std::string& file)
     throw Exit{kExitFailure};
 }
 
+void report_library(int code, const std::string& file)
+{
+    if (ProgressBar::interrupted() || code == KEL_ERR_CANCELLED)
+        fail_cancelled();
+    print_error_object("", code, file);
+}
+
 void warn_library(int code, const std::string& file)
 {
     print_error_object("warning: ", code, file);

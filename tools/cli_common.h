@@ -23,6 +23,9 @@ struct Exit {
 // Prints "kel: FILE: description" and the recovery suggestion of a library
 // error code (with the code's four characters), then throws Exit.
 [[noreturn]] void fail_library(int code, const std::string& file);
+// Prints the same and returns, for commands that go on with other files;
+// a cancellation still stops (kExitCancelled).
+void report_library(int code, const std::string& file);
 // Prints the same for a warning code ("Egga") without stopping.
 void warn_library(int code, const std::string& file);
 // Prints "kel: MESSAGE" and throws Exit with kExitFailure.

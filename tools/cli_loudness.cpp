@@ -53,18 +53,10 @@ Measured measure(const std::string& path)
 {
     Measured m;
     m.file = path;
-    int err = 0;
-    kel_clip_t* raw = nullptr;
-    {
-        ProgressBar bar("open");
-        raw = kel_clip_open(path.c_str(), &err, bar.record());
-    }
-    ToolClip clip(raw, path);
-    check_interrupt();
-    if (raw == nullptr) {
-        m.error = err != 0 ? err : KEL_ERR_UNKNOWN;
+    ToolClip clip = ToolClip::try_open(path, m.error);
+    if (clip.get() == nullptr)
         return m;
-    }
+    int err = 0;
     {
         ProgressBar bar("measure");
         m.meter.reset(kel_clip_measure_loudness(clip.get(), 0, clip.packet_count() - 1, &err, bar.record()));
@@ -109,14 +101,8 @@ int run_loudness(const Args& args)
         if (files.back().error != 0) {
             status = kExitFailure;
             ++failed;
-            if (!json) {
-                try {
-                    fail_library(files.back().error, path);
-                } catch (const Exit& e) {
-                    if (e.status == kExitCancelled)
-                        throw;
-                }
-            }
+            if (!json)
+                report_library(files.back().error, path);
         }
     }
 

@@ -84,18 +84,9 @@ Described describe(const std::string& path)
 {
     Described d;
     d.file = path;
-    int err = 0;
-    kel_clip_t* raw = nullptr;
-    {
-        ProgressBar bar("open");
-        raw = kel_clip_open(path.c_str(), &err, bar.record());
-    }
-    ToolClip clip(raw, path);
-    check_interrupt();
-    if (raw == nullptr) {
-        d.error = err != 0 ? err : KEL_ERR_UNKNOWN;
+    ToolClip clip = ToolClip::try_open(path, d.error);
+    if (clip.get() == nullptr)
         return d;
-    }
     d.info = clip.info();
     // The clip counts whole packets, and a PCM file's last packet is
     // counted full; the file's own description has its real length.
@@ -224,15 +215,8 @@ int run_info(const Args& args)
         const Described d = describe(o.positional()[n]);
         if (d.error != 0) {
             status = kExitFailure;
-            if (!json) {
-                // Report on stderr and carry on with the next file.
-                try {
-                    fail_library(d.error, d.file);
-                } catch (const Exit& e) {
-                    if (e.status == kExitCancelled)
-                        throw;
-                }
-            }
+            if (!json)
+                report_library(d.error, d.file); // and carry on with the next file
         }
         if (json)
             std::printf("%s%s\n", to_json(d).c_str(), n + 1 < o.positional().size() ? "," : "");

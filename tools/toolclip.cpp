@@ -119,7 +119,7 @@ void copy_tags(const std::string& source, const std::string& written, const std:
 
 } // namespace
 
-ToolClip ToolClip::open(const std::string& path)
+ToolClip ToolClip::try_open(const std::string& path, int& error)
 {
     int err = 0;
     kel_clip_t* clip = nullptr;
@@ -129,11 +129,20 @@ ToolClip ToolClip::open(const std::string& path)
     }
     ToolClip owned(clip, path);
     check_interrupt();
-    if (clip == nullptr)
-        fail_library(err != 0 ? err : KEL_ERR_UNKNOWN, path);
-    if (err != 0)
+    error = clip == nullptr ? (err != 0 ? err : KEL_ERR_UNKNOWN) : 0;
+    if (clip != nullptr && err != 0)
         warn_library(err, path);
-    owned.tag_source_ = path;
+    if (clip != nullptr)
+        owned.tag_source_ = path;
+    return owned;
+}
+
+ToolClip ToolClip::open(const std::string& path)
+{
+    int error = 0;
+    ToolClip owned = try_open(path, error);
+    if (owned.get() == nullptr)
+        fail_library(error, path);
     return owned;
 }
 

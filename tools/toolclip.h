@@ -44,6 +44,10 @@ class ToolClip {
 public:
     // Opens a file, with a progress bar; reports failures and throws Exit.
     static ToolClip open(const std::string& path);
+    // The same without stopping: a null clip and the code in error when
+    // the file does not open (a cancellation still throws; a warning of a
+    // clip that opened is printed).
+    static ToolClip try_open(const std::string& path, int& error);
 
     // Takes ownership of a clip made elsewhere; name is used in messages.
     ToolClip(kel_clip_t* clip, std::string name);
