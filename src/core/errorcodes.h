@@ -5,7 +5,15 @@
 // (errors/errortable.cpp, checked there at compile time) and equals its
 // KEL_ERR_* twin in kel.h (checked below). The internal codes pass between
 // the library's own layers and are turned into a reported code, or into
-// silence, before they could reach the host; they have no message.
+// silence, before they could reach the host; they have no message (kel.h
+// names them all the same, for hosts that meet them through a decode).
+//
+// How a code travels: the operations of the clip and packet model and the
+// flat entry points keep the int* err their callers know (a null err is
+// the entry points' business, never the model's); every other function
+// that can fail returns its code, 0 for success, and gives its results
+// through its arguments. A warning ("Egga") is returned like a failure and
+// the caller decides what it keeps.
 #ifndef KEL_CORE_ERRORCODES_H
 #define KEL_CORE_ERRORCODES_H
 
