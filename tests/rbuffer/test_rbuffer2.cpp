@@ -213,6 +213,9 @@ TEST(RBuffer2Model, RandomWalkMatchesAQueue)
                     }
                 }
                 ASSERT_EQ(rbuffer2_used_space(rb.get()), static_cast<int>(model.size()));
+                // A transfer ending at the end of the lanes wraps: a position
+                // equal to the capacity would point into the other lane.
+                ASSERT_LT(std::max(positions(rb.get()).first, positions(rb.get()).second), capacity);
             }
         }
     }
