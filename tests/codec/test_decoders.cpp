@@ -14,6 +14,7 @@
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <random>
 
 extern "C" {
@@ -171,12 +172,6 @@ TEST(CodecDecoderMP3, FrameLengthsAndShortFrames)
     EXPECT_EQ(out.size(), 1152u * 8);
 }
 
-uint32_t be32_at(const Bytes& b, size_t at)
-{
-    return (static_cast<uint32_t>(b[at]) << 24) | (static_cast<uint32_t>(b[at + 1]) << 16) |
-           (static_cast<uint32_t>(b[at + 2]) << 8) | b[at + 3];
-}
-
 Bytes get_cookie(ComponentInstanceRecord* codec, int* err)
 {
     Bytes cookie(512);
@@ -216,16 +211,16 @@ TEST(CodecDecoderALAC, CookieLayoutAndRoundTrip)
     Bytes cookie = get_cookie(codec.get(), &err);
     ASSERT_EQ(err, 0);
     ASSERT_EQ(cookie.size(), 48u);
-    EXPECT_EQ(be32_at(cookie, 0), 12u);
-    EXPECT_EQ(be32_at(cookie, 4), static_cast<uint32_t>(fourcc("frma")));
-    EXPECT_EQ(be32_at(cookie, 8), static_cast<uint32_t>(fourcc("alac")));
-    EXPECT_EQ(be32_at(cookie, 12), 36u);
-    EXPECT_EQ(be32_at(cookie, 16), static_cast<uint32_t>(fourcc("alac")));
-    EXPECT_EQ(be32_at(cookie, 24), 4096u); // frame length
+    EXPECT_EQ(get_be32(cookie, 0), 12u);
+    EXPECT_EQ(get_be32(cookie, 4), static_cast<uint32_t>(fourcc("frma")));
+    EXPECT_EQ(get_be32(cookie, 8), static_cast<uint32_t>(fourcc("alac")));
+    EXPECT_EQ(get_be32(cookie, 12), 36u);
+    EXPECT_EQ(get_be32(cookie, 16), static_cast<uint32_t>(fourcc("alac")));
+    EXPECT_EQ(get_be32(cookie, 24), 4096u); // frame length
     EXPECT_EQ(cookie[29], 24);             // bit depth, from flags 3
     EXPECT_EQ(cookie[30], 40);             // the value that marks the layout
     EXPECT_EQ(cookie[33], 2);              // channels
-    EXPECT_EQ(be32_at(cookie, 44), 48000u);
+    EXPECT_EQ(get_be32(cookie, 44), 48000u);
 
     // A 16-bit cookie with 1000-frame packets, set in the layout and as the
     // bare atom, reads back in the layout and configures the decoder: a
@@ -308,106 +303,78 @@ TEST(CodecDecoderALAC, UncompressedFrameWithoutEndDecodesToItsSamples)
     }
 }
 
-// Planar float frames as the float decoders deliver them, written out as
-// one or two channels of 32-bit floats in either byte order, from any
-// frame on: each output word is the source sample's bits, byte-swapped for
-// the other order. Sources of one channel feed both outputs; of three, the
-// first two.
-TEST(LPCMFormat, PlanarFloatsToInterleavedWords)
+struct FrameFree {
+    void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+using Frame = std::unique_ptr<AVFrame, FrameFree>;
+
+// A planar frame of random bytes.
+Frame random_frame(AVSampleFormat format, int channels, int samples, std::mt19937& rng)
+{
+    Frame frame(av_frame_alloc());
+    frame->format = format;
+    frame->nb_samples = samples;
+    av_channel_layout_default(&frame->ch_layout, channels);
+    EXPECT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
+    for (int c = 0; c < channels; ++c)
+        for (int k = 0; k < samples * av_get_bytes_per_sample(format); ++k)
+            frame->extended_data[c][k] = static_cast<uint8_t>(rng());
+    return frame;
+}
+
+// Sample n of plane c as the host's integer of the given width.
+uint32_t host_word(const AVFrame& frame, int c, int n, int bytes)
+{
+    uint32_t v = 0;
+    for (int k = 0; k < bytes; ++k)
+        v = (v << 8) | frame.extended_data[c][n * bytes + (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? bytes - 1 - k : k)];
+    return v;
+}
+
+// Planar frames as the decoders deliver them, written out as one or two
+// interleaved channels from any frame on: floats as their bits in either
+// byte order, 16-bit samples as they are, 32-bit words as their top three
+// or all four bytes big-endian. Sources of one channel feed both outputs;
+// of three, the first two.
+TEST(LPCMFormat, PlanarFramesToInterleavedWords)
 {
     std::mt19937 rng(9);
-    for (const int sources : {1, 2, 3}) {
-        AVFrame* frame = av_frame_alloc();
-        ASSERT_NE(frame, nullptr);
-        frame->format = AV_SAMPLE_FMT_FLTP;
-        frame->nb_samples = 1024;
-        av_channel_layout_default(&frame->ch_layout, sources);
-        ASSERT_EQ(av_frame_get_buffer(frame, 0), 0);
-        std::vector<std::vector<uint32_t>> words(static_cast<size_t>(sources));
-        for (int c = 0; c < sources; ++c) {
-            for (int n = 0; n < frame->nb_samples; ++n) {
-                const uint32_t w = static_cast<uint32_t>(rng());
-                words[static_cast<size_t>(c)].push_back(w);
-                std::memcpy(frame->extended_data[c] + 4 * n, &w, 4);
-            }
-        }
-        for (const int channels : {1, 2}) {
-            for (const bool big : {true, false}) {
-                AudioStreamBasicDescription d = pcm_float(channels, 44100);
-                if (!big)
+    struct Layout {
+        AVSampleFormat format;
+        int bits;
+        bool is_float, big;
+    };
+    for (const Layout layout : {Layout{AV_SAMPLE_FMT_FLTP, 32, true, true}, Layout{AV_SAMPLE_FMT_FLTP, 32, true, false},
+                                Layout{AV_SAMPLE_FMT_S16P, 16, false, true}, Layout{AV_SAMPLE_FMT_S32P, 24, false, true},
+                                Layout{AV_SAMPLE_FMT_S32P, 32, false, true}}) {
+        const int in_bytes = av_get_bytes_per_sample(layout.format), out_bytes = layout.bits / 8;
+        for (const int sources : {1, 2, 3}) {
+            const Frame frame = random_frame(layout.format, sources, 1024, rng);
+            for (const int channels : {1, 2}) {
+                AudioStreamBasicDescription d =
+                    layout.is_float ? pcm_float(channels, 44100) : pcm_int(channels, 44100, layout.bits);
+                if (!layout.big)
                     d.format_flags &= ~kLPCMFlagBigEndian;
                 LPCMFormat format;
                 ASSERT_TRUE(LPCMFormat::from_description(d, &format));
-                for (const auto& range : {std::pair<int, int>{0, 1024}, {37, 101}, {1000, 24}, {5, 0}}) {
-                    Bytes out(static_cast<size_t>(range.second) * static_cast<size_t>(channels) * 4 + 4, 0xEE);
-                    ASSERT_TRUE(format.write_frames(*frame, range.first, range.second, out.data()));
-                    for (int n = 0; n < range.second; ++n) {
+                for (const auto& [first, count] : {std::pair<int, int>{0, 1024}, {37, 101}, {1000, 24}, {5, 0}}) {
+                    Bytes out(static_cast<size_t>(count * channels * out_bytes) + 4, 0xEE);
+                    ASSERT_TRUE(format.write_frames(*frame, first, count, out.data()));
+                    for (int n = 0; n < count; ++n) {
                         for (int c = 0; c < channels; ++c) {
-                            const uint32_t w = words[static_cast<size_t>(std::min(c, sources - 1))]
-                                                    [static_cast<size_t>(range.first + n)];
-                            const unsigned char* at = &out[(static_cast<size_t>(n) * channels + c) * 4];
-                            for (int k = 0; k < 4; ++k) {
-                                const int shift = big ? 24 - 8 * k : 8 * k;
-                                ASSERT_EQ(at[k], static_cast<unsigned char>(w >> shift))
-                                    << sources << " sources, " << channels << " channels, frame " << n;
+                            const uint32_t w = host_word(*frame, std::min(c, sources - 1), first + n, in_bytes);
+                            for (int k = 0; k < out_bytes; ++k) {
+                                const int shift = layout.big ? 8 * (in_bytes - 1 - k) : 8 * k;
+                                ASSERT_EQ(out[static_cast<size_t>((n * channels + c) * out_bytes + k)],
+                                          static_cast<uint8_t>(w >> shift))
+                                    << layout.bits << " bits, " << sources << " sources, " << channels
+                                    << " channels, frame " << n;
                             }
                         }
                     }
                     EXPECT_EQ(out.back(), 0xEE) << "written past the frames";
                 }
             }
-        }
-        av_frame_free(&frame);
-    }
-}
-
-// Planar integers as the lossless decoders deliver them, written out big-
-// endian at the stream's width: 16-bit samples as they are, 32-bit words
-// as their top three or all four bytes.
-TEST(LPCMFormat, PlanarIntegersToBigEndian)
-{
-    std::mt19937 rng(11);
-    struct Layout {
-        AVSampleFormat format;
-        int bits;
-    };
-    for (const Layout layout : {Layout{AV_SAMPLE_FMT_S16P, 16}, Layout{AV_SAMPLE_FMT_S32P, 24},
-                                Layout{AV_SAMPLE_FMT_S32P, 32}}) {
-        const int in_bytes = layout.format == AV_SAMPLE_FMT_S16P ? 2 : 4;
-        const int out_bytes = layout.bits / 8;
-        for (const int sources : {1, 2}) {
-            AVFrame* frame = av_frame_alloc();
-            ASSERT_NE(frame, nullptr);
-            frame->format = layout.format;
-            frame->nb_samples = 300;
-            av_channel_layout_default(&frame->ch_layout, sources);
-            ASSERT_EQ(av_frame_get_buffer(frame, 0), 0);
-            for (int c = 0; c < sources; ++c)
-                for (int k = 0; k < frame->nb_samples * in_bytes; ++k)
-                    frame->extended_data[c][k] = static_cast<uint8_t>(rng());
-            for (const int channels : {1, 2}) {
-                LPCMFormat format;
-                ASSERT_TRUE(LPCMFormat::from_description(pcm_int(channels, 44100, layout.bits), &format));
-                const int first = 7;
-                const int count = 290;
-                Bytes out(static_cast<size_t>(count * channels * out_bytes));
-                ASSERT_TRUE(format.write_frames(*frame, first, count, out.data()));
-                for (int n = 0; n < count; ++n) {
-                    for (int c = 0; c < channels; ++c) {
-                        const uint8_t* plane = frame->extended_data[std::min(c, sources - 1)];
-                        uint32_t sample = 0; // the host's integer, most significant byte first
-                        for (int k = 0; k < in_bytes; ++k) {
-                            const int byte = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? in_bytes - 1 - k : k;
-                            sample = (sample << 8) | plane[(first + n) * in_bytes + byte];
-                        }
-                        for (int k = 0; k < out_bytes; ++k)
-                            ASSERT_EQ(out[static_cast<size_t>((n * channels + c) * out_bytes + k)],
-                                      static_cast<uint8_t>(sample >> (8 * (in_bytes - 1 - k))))
-                                << layout.bits << " bits, frame " << n << ", channel " << c;
-                    }
-                }
-            }
-            av_frame_free(&frame);
         }
     }
 }
@@ -424,12 +391,7 @@ TEST(LPCMFormat, InterleavedWordsToPlanarFloats)
                 d.format_flags &= ~kLPCMFlagBigEndian;
             LPCMFormat format;
             ASSERT_TRUE(LPCMFormat::from_description(d, &format));
-            AVFrame* frame = av_frame_alloc();
-            ASSERT_NE(frame, nullptr);
-            frame->format = AV_SAMPLE_FMT_FLTP;
-            frame->nb_samples = 1024;
-            av_channel_layout_default(&frame->ch_layout, channels);
-            ASSERT_EQ(av_frame_get_buffer(frame, 0), 0);
+            const Frame frame = random_frame(AV_SAMPLE_FMT_FLTP, channels, 1024, rng);
             for (const int count : {1024, 1000, 3}) {
                 Bytes in(static_cast<size_t>(count) * static_cast<size_t>(channels) * 4);
                 for (auto& byte : in)
@@ -441,13 +403,10 @@ TEST(LPCMFormat, InterleavedWordsToPlanarFloats)
                         uint32_t want = 0;
                         for (int k = 0; k < 4; ++k)
                             want |= static_cast<uint32_t>(at[k]) << (big ? 24 - 8 * k : 8 * k);
-                        uint32_t got = 0;
-                        std::memcpy(&got, frame->extended_data[c] + 4 * n, 4);
-                        ASSERT_EQ(got, want) << channels << " channels, frame " << n;
+                        ASSERT_EQ(host_word(*frame, c, n, 4), want) << channels << " channels, frame " << n;
                     }
                 }
             }
-            av_frame_free(&frame);
         }
     }
 }

@@ -31,10 +31,12 @@ Bytes cat(const std::vector<Bytes>& parts)
     return out;
 }
 
-uint32_t get32(const Bytes& b, long long at)
+int read8(const Bytes& b, size_t bit)
 {
-    const size_t i = static_cast<size_t>(at);
-    return (static_cast<uint32_t>(b[i]) << 24) | (b[i + 1] << 16) | (b[i + 2] << 8) | b[i + 3];
+    int v = 0;
+    for (size_t i = bit; i < bit + 8; ++i)
+        v = (v << 1) | ((b[i / 8] >> (7 - i % 8)) & 1);
+    return v;
 }
 
 Bytes atom(const char* type, const Bytes& body)
@@ -166,7 +168,7 @@ long long locate(const Bytes& file, const std::string& route)
     while (std::getline(parts, want, '/')) {
         found = -1;
         for (long long p = begin; p + 8 <= end;) {
-            const long long size = get32(file, p) == 0 ? end - p : get32(file, p);
+            const long long size = get_be32(file, p) == 0 ? end - p : get_be32(file, p);
             if (size < 8)
                 return -1;
             if (std::string(file.begin() + p + 4, file.begin() + p + 8) == want) {

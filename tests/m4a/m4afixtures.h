@@ -19,7 +19,8 @@ Bytes be16(uint32_t v);
 Bytes be32(uint32_t v);
 Bytes tag(const char* four);
 Bytes cat(const std::vector<Bytes>& parts);
-uint32_t get32(const Bytes& b, long long at);
+// The 8-bit field at bit position bit, most significant bit first.
+int read8(const Bytes& b, size_t bit);
 Bytes atom(const char* type, const Bytes& body);
 Bytes full_atom(const char* type, const Bytes& body); // version and flags 0
 

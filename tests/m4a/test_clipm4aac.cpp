@@ -57,14 +57,6 @@ Samples ffmpeg_units(const std::string& path)
     return ffmpeg_frames(path, {"-ignore_editlist", "1"});
 }
 
-int read8(const Bytes& b, size_t bit)
-{
-    int v = 0;
-    for (size_t i = bit; i < bit + 8; ++i)
-        v = (v << 1) | ((b[i / 8] >> (7 - i % 8)) & 1);
-    return v;
-}
-
 // True when every bit that differs between a and b lies in at most
 // `fields` 8-bit windows, each of which reads v in a and clamp(v + steps)
 // in b. For a block that starts with a single channel element the window
@@ -366,28 +358,14 @@ TEST(ClipM4AAC, SavedPacketsAreTheirOwnBytes)
     }
 }
 
-// Damaged files give a clip or a code, and damaged access units a decode
-// error at worst; the gain walk over garbage stays inside the block.
+// Damaged access units give a decode error at worst (damaged tables are
+// test_m4afiles' business); the gain walk over garbage stays inside the block.
 TEST(ClipM4AAC, DamagedFilesNeverCrash)
 {
     const std::string good = make_aac("fast.m4a", 44100, 2, 128, 1.0, true);
     ASSERT_FALSE(good.empty());
     const Bytes file = read_file(good);
-    const long long moov = locate(file, "moov");
-    ASSERT_GE(moov, 0);
-    const long long moov_end = moov + get32(file, moov);
     const std::string bad = scratch().path("bad.m4a");
-    for (long long cut = moov + 4; cut < moov_end; cut += std::max<long long>(1, (moov_end - moov) / 40)) {
-        write_file(bad, Bytes(file.begin(), file.begin() + cut));
-        int err = 0;
-        ClipPtr clip = open_clip(bad, err);
-        if (clip == nullptr) {
-            EXPECT_NE(err, 0) << "cut at " << cut;
-        }
-        _kel_clip_info_t info{};
-        FormatDispatch::standard().file_info(bad.c_str(), &info, nullptr);
-    }
-
     const std::vector<ProbePacket> packets = probe_packets(good);
     std::mt19937 rng(1234);
     for (int round = 0; round < 6; ++round) {

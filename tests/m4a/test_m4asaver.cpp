@@ -157,7 +157,7 @@ uint32_t tables_after(const Bytes& file, uint32_t z)
 {
     uint32_t s = 0;
     for (int i = 0; i < 4; ++i)
-        s += get32(file, 32 + z + s);
+        s += get_be32(file, 32 + z + s);
     return s;
 }
 
@@ -174,13 +174,13 @@ TEST(SaverFiles, AacTemplateByteForByteAndPacketsReadBack)
         EXPECT_TRUE(std::equal(ftyp.begin(), ftyp.end(), saved.file.begin()));
 
         const long long frames = 46 * 1024 + 960;
-        const uint32_t time = get32(saved.file, 32 + 20);
+        const uint32_t time = get_be32(saved.file, 32 + 20);
         EXPECT_NEAR(time, M4A_Saver::_get_carbon_time(), 5.0);
         const uint32_t s = tables_after(saved.file, 500);
         EXPECT_EQ(s, 32u + 40u + (20u + 4u * 47u) + (16u + 4u * 3u)) << "2 runs, 2 stsc entries, 3 chunks";
         // Bits per second over the duration, exact up to rounding.
         const long long average = set.total_bytes() * 8 * rate / frames;
-        const uint32_t written_average = get32(saved.file, 32 + 474);
+        const uint32_t written_average = get_be32(saved.file, 32 + 474);
         EXPECT_LE(std::llabs(written_average - average), 1);
         const Bytes entry = cat({
             be32(96), tag("mp4a"), Bytes(6, 0), be16(1), be32(0), be32(0), be16(2), be16(16), be32(0),
@@ -199,9 +199,9 @@ TEST(SaverFiles, AacTemplateByteForByteAndPacketsReadBack)
             ASSERT_EQ(saved.file[32 + i], want[i]) << "template byte " << i << " at " << rate;
 
         // The first chunk starts right after ftyp, moov and the mdat header.
-        const uint32_t moov = get32(saved.file, 32);
-        EXPECT_EQ(get32(saved.file, locate(saved.file, "moov/trak/mdia/minf/stbl/stco") + 16), moov + 40);
-        EXPECT_EQ(get32(saved.file, 32 + moov), set.total_bytes() + 8) << "mdat size";
+        const uint32_t moov = get_be32(saved.file, 32);
+        EXPECT_EQ(get_be32(saved.file, locate(saved.file, "moov/trak/mdia/minf/stbl/stco") + 16), moov + 40);
+        EXPECT_EQ(get_be32(saved.file, 32 + moov), set.total_bytes() + 8) << "mdat size";
         expect_packets_back(saved, set, false);
     }
 }
@@ -218,10 +218,10 @@ TEST(SaverFiles, AlacTemplateByteForByteAndPacketsReadBack)
     uint32_t largest = 0;
     for (int i = 0; i < 4; ++i)
         largest = std::max(largest, static_cast<uint32_t>(set.bytes(i).size()));
-    const uint32_t time = get32(saved.file, 32 + 20);
+    const uint32_t time = get_be32(saved.file, 32 + 20);
     const uint32_t s = tables_after(saved.file, 476);
     const long long average = set.total_bytes() * 8 * 48000 / (4096 * 4);
-    const uint32_t written_average = get32(saved.file, 32 + 468);
+    const uint32_t written_average = get_be32(saved.file, 32 + 468);
     EXPECT_LE(std::llabs(written_average - average), 1);
     const Bytes entry = cat({be32(72), tag("alac"), Bytes(6, 0), be16(1), be32(0), be32(0), be16(2), be16(24), be32(0),
                              be32(48000u << 16), be32(36), tag("alac"), be32(0), be32(4096), Bytes{0, 24, 40, 10, 14, 2},
@@ -232,9 +232,9 @@ TEST(SaverFiles, AlacTemplateByteForByteAndPacketsReadBack)
     ASSERT_EQ(want.size(), 476u);
     for (size_t i = 0; i < want.size(); ++i)
         ASSERT_EQ(saved.file[32 + i], want[i]) << "template byte " << i;
-    const uint32_t moov = get32(saved.file, 32);
+    const uint32_t moov = get_be32(saved.file, 32);
     EXPECT_EQ(locate(saved.file, "moov/udta"), 32 + moov - static_cast<long long>(user.size())) << "the last child";
-    EXPECT_EQ(get32(saved.file, 32 + moov), set.total_bytes() + 8);
+    EXPECT_EQ(get_be32(saved.file, 32 + moov), set.total_bytes() + 8);
     expect_packets_back(saved, set, true);
 }
 
@@ -257,25 +257,25 @@ TEST(SaverFiles, ChapterTracksAreRescaledAndMoved)
     EXPECT_EQ(second, unchanged) << "the caller's block is not changed";
 
     const uint32_t s = tables_after(saved.file, 500);
-    const uint32_t moov = get32(saved.file, 32);
+    const uint32_t moov = get_be32(saved.file, 32);
     ASSERT_EQ(moov, 500 + s + t0.size() + t1.size() + user.size());
-    EXPECT_EQ(get32(saved.file, 32 + 112), 4u) << "next track id";
-    EXPECT_EQ(get32(saved.file, 32 + 232), 2u);
-    EXPECT_EQ(get32(saved.file, 32 + 236), 3u);
-    EXPECT_EQ(get32(saved.file, 32 + 240), 0u);
+    EXPECT_EQ(get_be32(saved.file, 32 + 112), 4u) << "next track id";
+    EXPECT_EQ(get_be32(saved.file, 32 + 232), 2u);
+    EXPECT_EQ(get_be32(saved.file, 32 + 236), 3u);
+    EXPECT_EQ(get_be32(saved.file, 32 + 240), 0u);
     // The tracks follow the tables; the caller's atoms end "moov".
     const long long at = 32 + 500 + s;
-    EXPECT_EQ(get32(saved.file, at + 4), static_cast<uint32_t>(fourcc("trak")));
-    EXPECT_EQ(get32(saved.file, at + 8 + 28), 110250u) << "2.5 s at 44100";
-    EXPECT_EQ(get32(saved.file, at + t0.size() + 8 + 28), 22050u);
+    EXPECT_EQ(get_be32(saved.file, at + 4), static_cast<uint32_t>(fourcc("trak")));
+    EXPECT_EQ(get_be32(saved.file, at + 8 + 28), 110250u) << "2.5 s at 44100";
+    EXPECT_EQ(get_be32(saved.file, at + t0.size() + 8 + 28), 22050u);
     EXPECT_TRUE(std::equal(user.begin(), user.end(), saved.file.begin() + 32 + moov - user.size()));
     // Their media lead the mdat; their chunk offsets point at them.
     const uint32_t media_at = moov + 40;
     EXPECT_TRUE(std::equal(media.begin(), media.end(), saved.file.begin() + media_at));
-    EXPECT_EQ(get32(saved.file, at + t0.size() - 8), media_at);
-    EXPECT_EQ(get32(saved.file, at + t0.size() - 4), media_at + 10);
-    EXPECT_EQ(get32(saved.file, at + t0.size() + t1.size() - 4), media_at + 15);
-    EXPECT_EQ(get32(saved.file, 32 + moov), set.total_bytes() + media.size() + 8);
+    EXPECT_EQ(get_be32(saved.file, at + t0.size() - 8), media_at);
+    EXPECT_EQ(get_be32(saved.file, at + t0.size() - 4), media_at + 10);
+    EXPECT_EQ(get_be32(saved.file, at + t0.size() + t1.size() - 4), media_at + 15);
+    EXPECT_EQ(get_be32(saved.file, 32 + moov), set.total_bytes() + media.size() + 8);
     expect_packets_back(saved, set, false);
 }
 

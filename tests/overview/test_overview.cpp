@@ -416,26 +416,6 @@ TEST(OverviewBroken, UndecodablePacketDrawsAsSilence)
     EXPECT_EQ(err, 0);
 }
 
-TEST(OverviewMaxSample, LargestCachedMagnitude)
-{
-    auto t = make_clip(uniform(10, 64), [](int i) {
-        if (i == 7 * 64 + 9)
-            return std::pair{0.1f, -0.8f};
-        if (i == 2 * 64 + 60)
-            return std::pair{1.5f, 0.0f};
-        return std::pair{0.05f, -0.05f};
-    });
-    Overview& ov = *t->overview;
-    int err = 0;
-    EXPECT_EQ(ov.find_max_sample(4, 9, err), 0.8f);
-    EXPECT_EQ(ov.find_max_sample(0, 1, err), 0.05f);
-    EXPECT_EQ(ov.find_max_sample(0, 9, err), 1.0f) << "samples above full scale count as 1.0";
-    t->set_gain(7, 2.0f);
-    t->set_gain(2, 0.5f);
-    EXPECT_EQ(ov.find_max_sample(4, 9, err), 1.6f);
-    EXPECT_EQ(ov.find_max_sample(0, 6, err), 0.5f);
-}
-
 TEST(OverviewDirty, OnePacketPerRunAndNeverTheLast)
 {
     // Each packet a sine of its own amplitude, so a point names its packet.

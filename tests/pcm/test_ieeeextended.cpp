@@ -1,7 +1,7 @@
 // The big-endian IEEE conversions AIFF and CAF use, against the formats'
 // definitions: the 80-bit extended layout built by integer arithmetic, the
 // hardware's own conversions as the reference for rounding, and the special
-// values (zeros, subnormals, infinities, NaNs) case by case.
+// values (zeros, infinities, NaNs) case by case.
 #include "pcm/ieeeextended.h"
 
 #include <gtest/gtest.h>
@@ -122,61 +122,48 @@ TEST(IeeeExtended, MantissasWiderThanADoubleRoundToNearestEven)
     }
 }
 
-TEST(IeeeExtended, ZerosSubnormalsAndOverflow)
+// The values a damaged or odd header can hold, which must read as what
+// they are so that the rate check refuses them: signed zeros, numbers
+// beyond the double range, infinities (with or without the integer bit)
+// and NaNs. (Rounding inside the subnormal range is no rate's concern.)
+TEST(IeeeExtended, ZerosOverflowInfinitiesAndNaNs)
 {
-    const double tiny = std::numeric_limits<double>::denorm_min(); // 2^-1074
     EXPECT_EQ(to_ext(0.0), ext(false, 0, 0));
     EXPECT_EQ(to_ext(-0.0), ext(true, 0, 0));
-    EXPECT_FALSE(std::signbit(from_ext(ext(false, 0, 0))));
-    EXPECT_TRUE(std::signbit(from_ext(ext(true, 0, 0))));
-
-    // Below the double range: exactly half the smallest subnormal ties to
-    // even (zero); anything more rounds up to it; three quarters too.
-    EXPECT_EQ(from_ext(ext(false, 16383 - 1075, 1ULL << 63)), 0.0);
-    EXPECT_EQ(from_ext(ext(false, 16383 - 1075, (1ULL << 63) + 1)), tiny);
-    EXPECT_EQ(from_ext(ext(false, 16383 - 1075, 3ULL << 62)), tiny);
-    // One and a half subnormal steps tie to the even two.
-    EXPECT_EQ(from_ext(ext(false, 16383 - 1074, 3ULL << 62)), 2 * tiny);
-    EXPECT_EQ(from_ext(ext(false, 16383 - 1200, ~0ULL)), 0.0);
-    // Extended denormals are far below any double.
-    EXPECT_EQ(from_ext(ext(false, 0, 1)), 0.0);
-    EXPECT_TRUE(std::signbit(from_ext(ext(true, 0, ~0ULL))));
-    // All ones just under 2^-1022 round up into the smallest normal.
-    EXPECT_EQ(from_ext(ext(false, 16383 - 1023, ~0ULL)), std::numeric_limits<double>::min());
-
-    // Above it: half an ulp over the largest double ties away from its odd
-    // mantissa, to infinity; a hair less stays.
-    const double largest = std::numeric_limits<double>::max();
-    EXPECT_EQ(from_ext(ext(false, 16383 + 1023, 0xFFFFFFFFFFFFF800ULL)), largest);
-    EXPECT_EQ(from_ext(ext(false, 16383 + 1023, 0xFFFFFFFFFFFFFC00ULL)), HUGE_VAL);
-    EXPECT_EQ(from_ext(ext(false, 16383 + 1023, 0xFFFFFFFFFFFFFBFFULL)), largest);
-    EXPECT_EQ(from_ext(ext(true, 16383 + 1024, 1ULL << 63)), -HUGE_VAL);
-    EXPECT_EQ(from_ext(ext(false, 0x7FFE, 1ULL << 63)), HUGE_VAL);
-}
-
-TEST(IeeeExtended, InfinitiesAndNaNs)
-{
-    // Infinity: the all-ones exponent, integer bit set, fraction zero.
     EXPECT_EQ(to_ext(HUGE_VAL), ext(false, 0x7FFF, 1ULL << 63));
     EXPECT_EQ(to_ext(-HUGE_VAL), ext(true, 0x7FFF, 1ULL << 63));
-    EXPECT_EQ(from_ext(ext(false, 0x7FFF, 1ULL << 63)), HUGE_VAL);
-    EXPECT_EQ(from_ext(ext(true, 0x7FFF, 1ULL << 63)), -HUGE_VAL);
-    // Without the integer bit (as some writers store infinity) as well.
-    EXPECT_EQ(from_ext(ext(false, 0x7FFF, 0)), HUGE_VAL);
-
-    // NaN: the all-ones exponent and a fraction that is not zero.
+    const struct {
+        Ext in;
+        double want; // NaN: any NaN
+    } reads[] = {
+        {ext(false, 0, 0), 0.0},
+        {ext(true, 0, 0), -0.0},
+        {ext(false, 0, 1), 0.0}, // extended denormals are far below any double
+        {ext(false, 16383 + 1023, 0xFFFFFFFFFFFFF800ULL), std::numeric_limits<double>::max()},
+        {ext(false, 16383 + 1023, 0xFFFFFFFFFFFFFC00ULL), HUGE_VAL}, // ties away from the odd mantissa
+        {ext(true, 16383 + 1024, 1ULL << 63), -HUGE_VAL},
+        {ext(false, 0x7FFF, 1ULL << 63), HUGE_VAL},
+        {ext(true, 0x7FFF, 1ULL << 63), -HUGE_VAL},
+        {ext(false, 0x7FFF, 0), HUGE_VAL},
+        {ext(false, 0x7FFF, 0xC000000000000000ULL), NAN},
+        {ext(false, 0x7FFF, 1), NAN},
+        {ext(true, 0x7FFF, (1ULL << 63) | 1), NAN},
+    };
+    for (const auto& r : reads) {
+        const double got = from_ext(r.in);
+        if (std::isnan(r.want)) {
+            EXPECT_TRUE(std::isnan(got));
+        } else {
+            EXPECT_EQ(got, r.want);
+            EXPECT_EQ(std::signbit(got), std::signbit(r.want));
+        }
+    }
+    // A NaN written out keeps the all-ones exponent and a fraction.
     for (double nan : {std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::quiet_NaN()}) {
         const Ext e = to_ext(nan);
         EXPECT_EQ((e[0] & 0x7F) << 8 | e[1], 0x7FFF);
-        uint64_t fraction = 0;
-        for (int i = 2; i < 10; ++i)
-            fraction = fraction << 8 | e[static_cast<size_t>(i)];
-        EXPECT_NE(fraction << 1, 0u);
         EXPECT_TRUE(std::isnan(from_ext(e)));
     }
-    EXPECT_TRUE(std::isnan(from_ext(ext(false, 0x7FFF, 0xC000000000000000ULL))));
-    EXPECT_TRUE(std::isnan(from_ext(ext(false, 0x7FFF, 1))));
-    EXPECT_TRUE(std::isnan(from_ext(ext(true, 0x7FFF, (1ULL << 63) | 1))));
 }
 
 // The double sibling (CAF's sample rate): the big-endian bytes of the value.

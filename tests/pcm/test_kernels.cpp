@@ -116,14 +116,7 @@ TEST(KernelsWrite, StatedValues) {
         EXPECT_EQ(c.v16, ref_write(c.x, 2));
         EXPECT_EQ(c.v24, ref_write(c.x, 3));
     }
-    // Byte order of the 24-bit writers on a value with three distinct bytes.
-    float x = float(0x123456) / 8388608.0f;
-    float* ch[2] = {&x, &x};
-    unsigned char out[3];
-    KEL::convert_ne_nifloat_to_ne_ii24(ch, out, 1, 1);
-    EXPECT_EQ(Bytes(out, out + 3), (Bytes{0x12, 0x34, 0x56}));
-    KEL::convert_ne_nifloat_to_le_ii24(ch, out, 1, 1);
-    EXPECT_EQ(Bytes(out, out + 3), (Bytes{0x56, 0x34, 0x12}));
+    // (The byte order of every writer is RandomAgainstReference's business.)
 }
 
 TEST(KernelsWrite, SixteenBitBoundIsTheDoubleConstant) {
