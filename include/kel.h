@@ -288,7 +288,9 @@ KEL_API int kel_get_raw_packet_size(void);
  * and AIFF. Otherwise the common fields (title, artist, album, track
  * number, date, genre, comment) and the front cover map over. ID3v2 frames
  * that state the audio's length or byte positions (TLEN, MLLT, SEEK, ASPI)
- * are left out, as `to` is taken to hold edited audio. CAF files neither
+ * are left out, as `to` is taken to hold edited audio, and so are loudness
+ * values measured on the source (ReplayGain and R128 items, RVA2, iTunes
+ * Sound Check), which no longer hold for it. CAF files neither
  * give nor take tags.
  * Returns the code also left in *err: 0 on success, also when `from` has
  * no tags (then `to` keeps none); KEL_ERR_SAVED_WITH_ERRORS, a warning,

@@ -32,6 +32,28 @@ const char* const kLoudnessHelp =
     "            album_gain_db (the same in every object); a file that failed\n"
     "            has file and error instead\n";
 
+const char* const kNormalizeHelp =
+    "usage: kel normalize FILE... [--target LUFS] [--album] [--max-true-peak DBTP]\n"
+    "                     (-o OUT | --out-dir DIR | --in-place) [--no-tags]\n"
+    "\n"
+    "Brings each file to a loudness: MP3 and AAC without re-encoding, in whole\n"
+    "steps of 1.5 dB (the step nearest the target that keeps the true peak\n"
+    "under the ceiling), PCM by exact scaling, Apple Lossless by encoding the\n"
+    "packets again. Prints per file the loudness before, the gain applied and\n"
+    "the loudness after. Tags are carried, except loudness values measured on\n"
+    "the old audio (ReplayGain, R128). A file that fails is reported and the\n"
+    "others go on; the status is then 1.\n"
+    "\n"
+    "  --target LUFS         the integrated loudness wanted (default -18)\n"
+    "  --album               one gain for all the files: the album's loudness\n"
+    "                        to the target, their relative levels kept\n"
+    "  --max-true-peak DBTP  ceiling for the true peak after the gain (default -1)\n"
+    "  -o, --output OUT      the file to write (one input only)\n"
+    "  --out-dir DIR         write each result into DIR under its own name\n"
+    "  --in-place            replace each file (written beside it, then renamed\n"
+    "                        over it, so a failure leaves the original)\n"
+    "  --no-tags             write no tags\n";
+
 namespace {
 
 // ReplayGain 2.0 plays everything at -18 LUFS.
@@ -81,7 +103,116 @@ std::string db_or_inf(double linear_or_db, bool linear, const char* unit)
     return std::isfinite(db) ? strprintf("%.2f %s", db, unit) : strprintf("-inf %s", unit);
 }
 
+// One global-gain step of MP3 and AAC, in decibels.
+const double kStepDb = 20.0 * std::log10(2.0) / 4.0;
+
+// Where a normalised file goes.
+std::string output_for(const Options& o, const std::string& input)
+{
+    if (o.has("in-place"))
+        return input;
+    if (o.has("out-dir")) {
+        const size_t slash = input.find_last_of('/');
+        return o.text("out-dir") + "/" + (slash == std::string::npos ? input : input.substr(slash + 1));
+    }
+    return o.text("output");
+}
+
+// Applies gain_db, at most ceiling_db, to every packet: the nearest whole
+// step at or below the ceiling where the format steps. Returns the gain
+// really applied, in decibels.
+double apply_gain(ToolClip& clip, double gain_db, double ceiling_db)
+{
+    const int format = clip.info().format;
+    double db = std::min(gain_db, ceiling_db);
+    if (format == KEL_FORMAT_MP3 || format == KEL_FORMAT_AAC) {
+        double steps = std::round(gain_db / kStepDb);
+        while (steps * kStepDb > ceiling_db + 1e-9)
+            steps -= 1.0;
+        db = steps * kStepDb;
+    }
+    const double factor = std::pow(10.0, db / 20.0);
+    double applied = db;
+    for (int p = 0; p < clip.packet_count(); ++p) {
+        int err = 0;
+        const float before = kel_clip_packet_applied_gain(clip.get(), p, &err);
+        const float after =
+            err == 0 ? kel_clip_packet_set_gain_nearest(clip.get(), p, static_cast<float>(before * factor), &err) : 0.0f;
+        if (err != 0)
+            fail_library(err, clip.name());
+        if (p == 0 && before > 0.0f)
+            applied = to_db(after / before);
+    }
+    clip.note_edited({0, clip.packet_count() - 1});
+    return applied;
+}
+
 } // namespace
+
+int run_normalize(const Args& args)
+{
+    const Options o("normalize", args,
+                    {{"target", true}, {"album", false}, {"max-true-peak", true}, {"output", true},
+                     {"out-dir", true}, {"in-place", false}, {"no-tags", false}});
+    if (o.help())
+        return show_help(kNormalizeHelp);
+    if (o.positional().empty())
+        fail_usage("normalize", "no file given");
+    const int destinations = (o.has("output") ? 1 : 0) + (o.has("out-dir") ? 1 : 0) + (o.has("in-place") ? 1 : 0);
+    if (destinations != 1)
+        fail_usage("normalize", "give one of -o, --out-dir and --in-place");
+    if (o.has("output") && o.positional().size() != 1)
+        fail_usage("normalize", "-o takes one input; use --out-dir or --in-place for several");
+    const double target = o.number("target", kReferenceLufs);
+    const double ceiling = o.number("max-true-peak", -1.0);
+    SaveSettings settings;
+    settings.tags = !o.has("no-tags");
+
+    std::vector<Measured> files;
+    for (const std::string& path : o.positional())
+        files.push_back(measure(path));
+    kel_loudness_t whole{-INFINITY, 0.0, 0.0, 0.0};
+    if (o.has("album")) {
+        std::vector<const kel_loudness_meter_t*> meters;
+        for (const Measured& m : files)
+            if (m.meter != nullptr)
+                meters.push_back(m.meter.get());
+        if (!meters.empty())
+            kel_loudness_album(meters.data(), static_cast<int>(meters.size()), &whole);
+    }
+
+    int failed = 0;
+    for (const Measured& m : files) {
+        if (m.error != 0) {
+            report_library(m.error, m.file);
+            ++failed;
+            continue;
+        }
+        const kel_loudness_t& level = o.has("album") ? whole : m.values;
+        if (!std::isfinite(level.integrated_lufs)) {
+            std::fprintf(stderr, "kel: %s: digital silence has no loudness; left as it is\n", m.file.c_str());
+            ++failed;
+            continue;
+        }
+        try {
+            ToolClip clip = ToolClip::open(m.file);
+            const double peak_db = level.true_peak > 0.0 ? to_db(level.true_peak) : -INFINITY;
+            const double applied = apply_gain(clip, target - level.integrated_lufs, ceiling - peak_db);
+            const std::string out = output_for(o, m.file);
+            clip.save(out, settings);
+            std::printf("%s: %.2f LUFS, gain %+.2f dB, %.2f LUFS after (true peak %.2f dBTP); wrote %s\n",
+                        m.file.c_str(), m.values.integrated_lufs, applied, m.values.integrated_lufs + applied,
+                        to_db(m.values.true_peak) + applied, out.c_str());
+        } catch (const Exit& e) {
+            if (e.status == kExitCancelled)
+                throw;
+            ++failed;
+        }
+    }
+    if (failed > 0)
+        std::fprintf(stderr, "kel: %d of %zu files were not normalised\n", failed, files.size());
+    return failed > 0 ? kExitFailure : kExitOk;
+}
 
 int run_loudness(const Args& args)
 {

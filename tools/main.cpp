@@ -16,7 +16,7 @@ namespace {
 
 // Every subcommand, in the order "kel --help" lists them.
 // (const, not constexpr: the help texts live in the commands' own files.)
-const std::array<Command, 12> kCommands{{
+const std::array<Command, 13> kCommands{{
     {"info", "describe audio files (--json for scripts)", kInfoHelp, run_info},
     {"cut", "remove a time range and write what remains", kCutHelp, run_cut},
     {"copy", "keep a time range and write it", kCopyHelp, run_copy},
@@ -26,6 +26,7 @@ const std::array<Command, 12> kCommands{{
     {"convert", "write a file in another format, rate or width", kConvertHelp, run_convert},
     {"peak", "largest sample and RMS level in dBFS", kPeakHelp, run_peak},
     {"loudness", "EBU R128 loudness, range, true peak and ReplayGain 2.0 gain", kLoudnessHelp, run_loudness},
+    {"normalize", "bring files to a loudness, MP3 and AAC without re-encoding", kNormalizeHelp, run_normalize},
     {"overview", "draw the waveform as a PNG picture (or --text)", kOverviewHelp, run_overview},
     {"demo", "the built-in demonstration (the default)", kDemoHelp, run_demo},
     {"explain", "what an error code means", kExplainHelp, run_explain},

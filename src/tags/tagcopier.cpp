@@ -16,6 +16,7 @@
 #include <mp4file.h>
 #include <mp4tag.h>
 #include <mpegfile.h>
+#include <textidentificationframe.h>
 #include <tfilestream.h>
 #include <tpropertymap.h>
 #include <wavfile.h>
@@ -181,6 +182,25 @@ bool describes_the_audio(const ByteVector& id)
     return id == "TLEN" || id == "MLLT" || id == "SEEK" || id == "ASPI";
 }
 
+// Loudness values measured on the source's audio (ReplayGain, R128, Sound
+// Check): an edited or gained copy plays at another loudness, and players
+// would apply the old correction to it. Item names as the common players
+// spell them, in any case.
+bool names_a_loudness(const String& name)
+{
+    const String n = name.upper();
+    return n.startsWith("REPLAYGAIN_") || n.startsWith("R128_") || n.startsWith("----:COM.APPLE.ITUNES:REPLAYGAIN_") ||
+           n.startsWith("----:COM.APPLE.ITUNES:R128_") || n == "----:COM.APPLE.ITUNES:ITUNNORM";
+}
+
+bool states_a_loudness(const TagLib::ID3v2::Frame& frame)
+{
+    if (frame.frameID() == "RVA2" || frame.frameID() == "RVAD")
+        return true;
+    const auto* text = dynamic_cast<const TagLib::ID3v2::UserTextIdentificationFrame*>(&frame);
+    return text != nullptr && names_a_loudness(text->description());
+}
+
 void take_id3v2(const TagLib::ID3v2::Tag& tag, Snapshot& s)
 {
     if (tag.header()->majorVersion() == 3)
@@ -188,7 +208,7 @@ void take_id3v2(const TagLib::ID3v2::Tag& tag, Snapshot& s)
     const TagLib::ID3v2::AttachedPictureFrame* front = nullptr;
     const TagLib::ID3v2::AttachedPictureFrame* first = nullptr;
     for (const TagLib::ID3v2::Frame* frame : tag.frameList()) {
-        if (describes_the_audio(frame->frameID()))
+        if (describes_the_audio(frame->frameID()) || states_a_loudness(*frame))
             continue;
         s.id3v2_frames.push_back(frame->render());
         if (const auto* picture = dynamic_cast<const TagLib::ID3v2::AttachedPictureFrame*>(frame)) {
@@ -207,6 +227,9 @@ void take_id3v2(const TagLib::ID3v2::Tag& tag, Snapshot& s)
 void take_mp4(const TagLib::MP4::Tag& tag, Snapshot& s)
 {
     s.mp4 = tag.itemMap();
+    for (const auto& item : TagLib::MP4::ItemMap(s.mp4))
+        if (names_a_loudness(item.first))
+            s.mp4.erase(item.first);
     const auto covr = s.mp4.find("covr");
     if (covr != s.mp4.end()) {
         const TagLib::MP4::CoverArtList pictures = covr->second.toCoverArtList();
@@ -230,8 +253,12 @@ bool take_tags(Container container, TagLib::IOStream& stream, Snapshot& s)
             take_id3v2(*file.ID3v2Tag(), s);
         if (file.hasID3v1Tag() && !file.ID3v1Tag()->isEmpty())
             s.id3v1 = file.ID3v1Tag()->properties();
-        if (file.hasAPETag())
+        if (file.hasAPETag()) {
             s.ape = file.APETag()->itemListMap();
+            for (const auto& item : TagLib::APE::ItemListMap(s.ape))
+                if (names_a_loudness(item.first))
+                    s.ape.erase(item.first);
+        }
         s.common = common_fields(file.properties());
         return true;
     }

@@ -84,6 +84,25 @@ class Loudness(unittest.TestCase):
         self.assertIsNone(results[2]["track_gain_db"])
         self.assertEqual(results[3]["error"]["code"], "Efor")
 
+    def test_normalize_reaches_the_target_under_the_ceiling(self):
+        wav = self.tones("loud", [(8, -6)], 440)
+        mp3 = os.path.join(self.dir, "loud.mp3")
+        subprocess.run(["lame", "--quiet", "-b", "160", wav, mp3], check=True)
+        out_dir = os.path.join(self.dir, "normalised")
+        os.mkdir(out_dir)
+        p = subprocess.run([KEL, "normalize", wav, mp3, "--target", "-20", "--out-dir", out_dir], capture_output=True,
+                           text=True, check=True)
+        reported = [float(x) for x in re.findall(r"(-?[\d.]+) LUFS after", p.stdout)]
+        after = loudness(os.path.join(out_dir, "loud.wav"), os.path.join(out_dir, "loud.mp3"))
+        self.assertAlmostEqual(after[0]["integrated_lufs"], -20.0, delta=0.1)  # exact scaling
+        self.assertLessEqual(abs(after[1]["integrated_lufs"] + 20.0), 0.76 + 0.1)  # the nearest 1.5 dB step
+        for r, said in zip(after, reported):
+            self.assertAlmostEqual(r["integrated_lufs"], said, delta=0.1)
+        # A ceiling below what the target needs wins; in place, the file is replaced whole.
+        subprocess.run([KEL, "normalize", mp3, "--target", "-3", "--max-true-peak", "-4", "--in-place"],
+                       capture_output=True, check=True)
+        self.assertLessEqual(loudness(mp3)[0]["true_peak_dbtp"], -4.0 + 0.2)
+
     def test_coded_file_agrees_with_ffmpeg(self):
         wav = os.path.join(self.dir, "music.wav")
         subprocess.run(["sox", "-R", "-n", "-r", "44100", "-c", "2", "-b", "16", wav, "synth", "12", "pinknoise",
