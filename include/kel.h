@@ -301,6 +301,16 @@ KEL_API int kel_get_raw_packet_size(void);
  * as a new file of the same name (written beside it, then renamed over
  * it), so its directory must be writable. */
 KEL_API int kel_tags_copy(const char* from, const char* to, int* err);
+/* Writes ReplayGain values into the tags of the file at path, the audio left
+ * as it is: REPLAYGAIN_TRACK_GAIN ("-6.52 dB") and _TRACK_PEAK ("0.912345",
+ * linear), and when album_gain_db is finite _ALBUM_GAIN and _ALBUM_PEAK; ID3v2
+ * TXXX frames for MP3, WAVE and AIFF, iTunes freeform items for MPEG-4.
+ * Values of those names are replaced, other tags kept. Returns (and leaves
+ * in *err) 0; KEL_ERR_UNSUPPORTED for CAF; KEL_ERR_SAVED_WITH_ERRORS when the
+ * tags could not be written (the file stays as it was); the open errors of
+ * kel_tags_copy; KEL_ERR_PARAMETER for a bad value. */
+KEL_API int kel_tags_set_replaygain(const char* path, double track_gain_db, double track_peak,
+                                    double album_gain_db, double album_peak, int* err);
 
 /* ---- Error objects ---------------------------------------------------- */
 

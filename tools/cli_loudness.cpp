@@ -14,7 +14,7 @@
 namespace KEL::cli {
 
 const char* const kLoudnessHelp =
-    "usage: kel loudness FILE... [--album] [--json]\n"
+    "usage: kel loudness FILE... [--album] [--json] [--tag]\n"
     "\n"
     "Measures each file as ITU-R BS.1770-4 and EBU R128 do: integrated\n"
     "loudness (LUFS), loudness range (LU), sample peak (dBFS) and true peak\n"
@@ -26,6 +26,8 @@ const char* const kLoudnessHelp =
     "\n"
     "  --album   also the values of all the files as one programme, and the\n"
     "            album gain\n"
+    "  --tag     write the ReplayGain values (track, and album with --album)\n"
+    "            into each file's tags, the audio untouched\n"
     "  --json    one JSON array, one object per file with the keys file,\n"
     "            integrated_lufs, range_lu, sample_peak_dbfs, true_peak_dbtp,\n"
     "            track_gain_db, and with --album album_integrated_lufs and\n"
@@ -216,7 +218,7 @@ int run_normalize(const Args& args)
 
 int run_loudness(const Args& args)
 {
-    const Options o("loudness", args, {{"album", false}, {"json", false}});
+    const Options o("loudness", args, {{"album", false}, {"json", false}, {"tag", false}});
     if (o.help())
         return show_help(kLoudnessHelp);
     if (o.positional().empty())
@@ -247,6 +249,19 @@ int run_loudness(const Args& args)
             kel_loudness_album(meters.data(), static_cast<int>(meters.size()), &whole);
     }
 
+    if (o.has("tag")) {
+        for (Measured& m : files) {
+            if (m.error != 0 || !std::isfinite(m.values.integrated_lufs))
+                continue;
+            int err = 0;
+            kel_tags_set_replaygain(m.file.c_str(), gain_to_reference(m.values.integrated_lufs), m.values.true_peak,
+                                    album ? gain_to_reference(whole.integrated_lufs) : NAN, whole.true_peak, &err);
+            if (err != 0) {
+                report_library(err, m.file);
+                status = kExitFailure;
+            }
+        }
+    }
     if (json)
         std::printf("[\n");
     for (size_t n = 0; n < files.size(); ++n) {

@@ -3,7 +3,10 @@
 // becomes the library's code for one.
 #include "kel.h"
 
+#include "tags/loudnesstags.h"
 #include "tags/tagcopier.h"
+
+#include <cmath>
 
 #include <new>
 
@@ -20,6 +23,27 @@ int kel_tags_copy(const char* from, const char* to, int* err)
     }
     try {
         *code = KEL::TagCopier::copy(from, to);
+    } catch (const std::bad_alloc&) {
+        *code = KEL_ERR_UNKNOWN;
+    } catch (...) {
+        *code = KEL_ERR_INTERNAL;
+    }
+    return *code;
+}
+
+int kel_tags_set_replaygain(const char* path, double track_gain_db, double track_peak, double album_gain_db,
+                            double album_peak, int* err)
+{
+    int scratch = 0;
+    int* code = err != nullptr ? err : &scratch;
+    *code = 0;
+    if (path == nullptr || *path == '\0' || !std::isfinite(track_gain_db) || !(track_peak >= 0.0)) {
+        *code = KEL_ERR_PARAMETER;
+        return *code;
+    }
+    const bool album = std::isfinite(album_gain_db) && album_peak >= 0.0;
+    try {
+        *code = KEL::LoudnessTags::write(path, {track_gain_db, track_peak, album, album_gain_db, album_peak});
     } catch (const std::bad_alloc&) {
         *code = KEL_ERR_UNKNOWN;
     } catch (...) {

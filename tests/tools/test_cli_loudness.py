@@ -103,6 +103,31 @@ class Loudness(unittest.TestCase):
                        capture_output=True, check=True)
         self.assertLessEqual(loudness(mp3)[0]["true_peak_dbtp"], -4.0 + 0.2)
 
+    def test_tag_writes_replaygain_and_leaves_the_audio(self):
+        wav = self.tones("tagged", [(4, -12)], 440)
+        m4a = os.path.join(self.dir, "tagged.m4a")
+        subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-y", "-i", wav, "-c:a", "aac", "-metadata", "title=T",
+                        m4a], check=True)
+        mp3 = os.path.join(self.dir, "tagged.mp3")
+        subprocess.run(["lame", "--quiet", "-b", "128", "--tt", "T", wav, mp3], check=True)
+        for path in (mp3, m4a):
+            with self.subTest(os.path.basename(path)):
+                decoded = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-f", "f32le", "-"],
+                                         capture_output=True, check=True).stdout
+                r = loudness("--album", "--tag", path)[0]
+                tags = json.loads(subprocess.run(["ffprobe", "-v", "error", "-show_entries", "format_tags", "-of",
+                                                  "json", path], capture_output=True, text=True,
+                                                 check=True).stdout)["format"]["tags"]
+                tags = {k.lower(): v for k, v in tags.items()}
+                self.assertEqual(tags["title"], "T")
+                self.assertAlmostEqual(float(tags["replaygain_track_gain"].split()[0]), r["track_gain_db"], delta=0.006)
+                self.assertAlmostEqual(float(tags["replaygain_album_gain"].split()[0]), r["album_gain_db"], delta=0.006)
+                self.assertAlmostEqual(float(tags["replaygain_track_peak"]), 10 ** (r["true_peak_dbtp"] / 20),
+                                       delta=1e-5)
+                after = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-f", "f32le", "-"],
+                                       capture_output=True, check=True).stdout
+                self.assertEqual(after, decoded)
+
     def test_coded_file_agrees_with_ffmpeg(self):
         wav = os.path.join(self.dir, "music.wav")
         subprocess.run(["sox", "-R", "-n", "-r", "44100", "-c", "2", "-b", "16", wav, "synth", "12", "pinknoise",
