@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/time.h>
+
 #include <algorithm>
 #include <ctime>
 #include <memory>
@@ -115,9 +117,16 @@ TEST(SaverTables, RunsSizesAndChunksOfTwentyOne)
     }
 
     // 1904 to 1970 is 2082844800 s; the clock used is four hours ahead.
-    const long long before = static_cast<long long>(std::time(nullptr));
+    // Read the same clock as the saver: time() may run on a coarser one that
+    // lags it by a tick across a second's edge.
+    const auto seconds = [] {
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        return static_cast<long long>(now.tv_sec);
+    };
+    const long long before = seconds();
     const long long carbon = M4A_Saver::_get_carbon_time();
-    const long long after = static_cast<long long>(std::time(nullptr));
+    const long long after = seconds();
     EXPECT_GE(carbon, before + 2082844800LL + 14400);
     EXPECT_LE(carbon, after + 2082844800LL + 14400);
 }
