@@ -60,18 +60,6 @@ private:
     Scratch own_;
 };
 
-// Makes v at least n bytes long; false when that cannot be allocated.
-bool reserve(std::vector<unsigned char>& v, size_t n)
-{
-    if (v.size() >= n)
-        return true;
-    try {
-        v.resize(n);
-    } catch (...) {
-        return false;
-    }
-    return true;
-}
 
 // Frames per block of the float loop: a compile-time count lets -O2
 // vectorise it; the remainder runs the same code with a run-time count.
@@ -180,6 +168,18 @@ float PacketAC::nearest_step_gain(float wanted)
     if (steps == 0.0)
         return 1.0f; // untouched bytes
     return static_cast<float>(std::exp2((steps + std::copysign(0.5, steps)) / 4.0));
+}
+
+bool PacketAC::reserve(std::vector<unsigned char>& v, size_t n)
+{
+    if (v.size() >= n)
+        return true;
+    try {
+        v.resize(n);
+    } catch (...) {
+        return false;
+    }
+    return true;
 }
 
 int PacketAC::decode(float** out, ComponentInstanceRecord* codec, bool& needs_more_input, int* error, float gain,

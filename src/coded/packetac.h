@@ -11,6 +11,9 @@
 
 #include "core/packet.h"
 
+#include <cstddef>
+#include <vector>
+
 namespace KEL {
 
 class ComponentInstanceRecord;
@@ -58,6 +61,11 @@ public:
     void decode_samples(float** out, unsigned char* data, int frames, int bits);
 
     int channels() const { return format_value; }
+
+protected:
+    // Makes a decode's scratch buffer v at least n bytes long (buffers only
+    // ever grow); false when that cannot be allocated.
+    static bool reserve(std::vector<unsigned char>& v, size_t n);
 };
 
 } // namespace KEL

@@ -33,18 +33,6 @@ PartialScratch& scratch()
     return buffers;
 }
 
-bool reserve(std::vector<unsigned char>& v, size_t n)
-{
-    if (v.size() >= n)
-        return true;
-    try {
-        v.resize(n);
-    } catch (...) {
-        return false;
-    }
-    return true;
-}
-
 } // namespace
 
 PacketM4ALAC::PacketM4ALAC(int bit_rate, float sample_rate, int channels, int frames, BSHandle* handle)
