@@ -271,6 +271,19 @@ KEL_API void kel_loudness_meter_result(const kel_loudness_meter_t* meter, kel_lo
  * over all their blocks, the largest peaks. Returns 0 or KEL_ERR_PARAMETER. */
 KEL_API int kel_loudness_album(const kel_loudness_meter_t* const* meters, int count, kel_loudness_t* out);
 KEL_API void kel_loudness_meter_free(kel_loudness_meter_t* meter);
+/* Proposes the gains that bring packets first..last, measured as `measured`
+ * (kel_loudness_meter_result, or kel_loudness_album for one gain over an
+ * album), to target_lufs without their true peak passing max_true_peak_dbtp:
+ * formats that change loudness in whole steps (MP3, AAC: 1.5 dB) get the
+ * step nearest the target that stays at or under the ceiling, the others
+ * the exact change. Fills gains[0..last-first] with the value to store in
+ * each packet (kel_clip_packet_set_gain), each packet's own gain times the
+ * change, so that edited gains keep their shape; stores nothing. Returns
+ * the change in dB the first packet gets, or NaN with KEL_ERR_PARAMETER
+ * (no integrated loudness: digital silence; a NaN value) or
+ * KEL_ERR_PACKET_NUMBER. */
+KEL_API double kel_clip_propose_gains(kel_clip_t* clip, int first, int last, const kel_loudness_t* measured,
+                                      double target_lufs, double max_true_peak_dbtp, float* gains, int* err);
 
 /* Frames per packet of the PCM formats (WAVE, AIFF, CAF) when a file is
  * opened; 0 (the initial value) means 1024. Process-wide, unsynchronised. */

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 namespace KEL::cli {
 
@@ -105,9 +106,6 @@ std::string db_or_inf(double linear_or_db, bool linear, const char* unit)
     return std::isfinite(db) ? strprintf("%.2f %s", db, unit) : strprintf("-inf %s", unit);
 }
 
-// One global-gain step of MP3 and AAC, in decibels.
-const double kStepDb = 20.0 * std::log10(2.0) / 4.0;
-
 // Where a normalised file goes.
 std::string output_for(const Options& o, const std::string& input)
 {
@@ -120,32 +118,21 @@ std::string output_for(const Options& o, const std::string& input)
     return o.text("output");
 }
 
-// Applies gain_db, at most ceiling_db, to every packet: the nearest whole
-// step at or below the ceiling where the format steps. Returns the gain
-// really applied, in decibels.
-double apply_gain(ToolClip& clip, double gain_db, double ceiling_db)
+// Brings the clip from `level` to target_lufs under the true-peak ceiling,
+// as the library proposes for its format. Returns the change applied, in
+// decibels.
+double apply_gain(ToolClip& clip, const kel_loudness_t& level, double target_lufs, double ceiling_dbtp)
 {
-    const int format = clip.info().format;
-    double db = std::min(gain_db, ceiling_db);
-    if (format == KEL_FORMAT_MP3 || format == KEL_FORMAT_AAC) {
-        double steps = std::round(gain_db / kStepDb);
-        while (steps * kStepDb > ceiling_db + 1e-9)
-            steps -= 1.0;
-        db = steps * kStepDb;
-    }
-    const double factor = std::pow(10.0, db / 20.0);
-    double applied = db;
-    for (int p = 0; p < clip.packet_count(); ++p) {
-        int err = 0;
-        const float before = kel_clip_packet_applied_gain(clip.get(), p, &err);
-        const float after =
-            err == 0 ? kel_clip_packet_set_gain_nearest(clip.get(), p, static_cast<float>(before * factor), &err) : 0.0f;
-        if (err != 0)
-            fail_library(err, clip.name());
-        if (p == 0 && before > 0.0f)
-            applied = to_db(after / before);
-    }
-    clip.note_edited({0, clip.packet_count() - 1});
+    const int count = clip.packet_count();
+    std::vector<float> gains(static_cast<size_t>(count));
+    int err = 0;
+    const double applied =
+        kel_clip_propose_gains(clip.get(), 0, count - 1, &level, target_lufs, ceiling_dbtp, gains.data(), &err);
+    for (int p = 0; err == 0 && p < count; ++p)
+        kel_clip_packet_set_gain(clip.get(), p, gains[static_cast<size_t>(p)], &err);
+    if (err != 0)
+        fail_library(err, clip.name());
+    clip.note_edited({0, count - 1});
     return applied;
 }
 
@@ -198,8 +185,7 @@ int run_normalize(const Args& args)
         }
         try {
             ToolClip clip = ToolClip::open(m.file);
-            const double peak_db = level.true_peak > 0.0 ? to_db(level.true_peak) : -INFINITY;
-            const double applied = apply_gain(clip, target - level.integrated_lufs, ceiling - peak_db);
+            const double applied = apply_gain(clip, level, target, ceiling);
             const std::string out = output_for(o, m.file);
             clip.save(out, settings);
             std::printf("%s: %.2f LUFS, gain %+.2f dB, %.2f LUFS after (true peak %.2f dBTP); wrote %s\n",

@@ -5,9 +5,12 @@
 
 #include "api/formatdispatch.h"
 #include "core/clip.h"
+#include "loudness/gainproposal.h"
 #include "loudness/loudnessmeter.h"
 #include "overview/overview.h"
 #include "pcm/clipcaff.h"
+
+#include <cmath>
 
 using KEL::Clip;
 using KEL::FormatDispatch;
@@ -219,6 +222,18 @@ int kel_loudness_album(const kel_loudness_meter_t* const* meters, int count, kel
 void kel_loudness_meter_free(kel_loudness_meter_t* meter)
 {
     delete meter;
+}
+
+double kel_clip_propose_gains(kel_clip_t* clip, int first, int last, const kel_loudness_t* measured,
+                              double target_lufs, double max_true_peak_dbtp, float* gains, int* err)
+{
+    ErrorWord e(err);
+    if (measured == nullptr) {
+        *e.cleared() = KEL::kErrParameter;
+        return NAN;
+    }
+    return KEL::GainProposal::propose(*clip, first, last, *measured, target_lufs, max_true_peak_dbtp, gains,
+                                      e.cleared());
 }
 
 void kel_clip_get_trims(kel_clip_t* clip, int* start, int* end)
