@@ -14,21 +14,9 @@ namespace KEL {
 
 namespace {
 
-// Everything a meter answers; the histogram keeps its memory constant
-// however long the programme.
-constexpr int kMode = EBUR128_MODE_I | EBUR128_MODE_LRA | EBUR128_MODE_TRUE_PEAK | EBUR128_MODE_HISTOGRAM;
-
-// The largest of a per-channel peak over the meter's channels.
-double peak_of(ebur128_state* state, int channels, int (*get)(ebur128_state*, unsigned int, double*))
-{
-    double peak = 0.0;
-    for (int c = 0; c < channels; ++c) {
-        double value = 0.0;
-        if (get(state, static_cast<unsigned int>(c), &value) == EBUR128_SUCCESS)
-            peak = std::max(peak, value);
-    }
-    return peak;
-}
+// Everything a meter answers but the peaks; the histogram keeps its memory
+// constant however long the programme.
+constexpr int kMode = EBUR128_MODE_I | EBUR128_MODE_LRA | EBUR128_MODE_HISTOGRAM;
 
 } // namespace
 
@@ -52,7 +40,7 @@ LoudnessMeter* LoudnessMeter::measure(Clip& clip, int first, int last, int* err,
         *err = kErrUnknown;
         return nullptr;
     }
-    auto* meter = new (std::nothrow) LoudnessMeter(state, channels);
+    auto* meter = new (std::nothrow) LoudnessMeter(state, channels, rate);
     if (meter == nullptr) {
         ebur128_destroy(&state);
         *err = kErrUnknown;
@@ -73,6 +61,7 @@ LoudnessMeter* LoudnessMeter::measure(Clip& clip, int first, int last, int* err,
             const int got = clip.packet_decode_play(p, lanes, &code, -1.0f);
             if (code == 0 && got > 0) {
                 const size_t n = static_cast<size_t>(std::min(got, frames));
+                meter->peaks_[0].add(left.data(), n);
                 if (channels == 1) {
                     ebur128_add_frames_float(state, left.data(), n);
                 } else {
@@ -82,6 +71,7 @@ LoudnessMeter* LoudnessMeter::measure(Clip& clip, int first, int last, int* err,
                         interleaved[2 * i + 1] = right[i];
                     }
                     ebur128_add_frames_float(state, interleaved.data(), n);
+                    meter->peaks_[1].add(right.data(), n);
                 }
             }
         }
@@ -121,8 +111,10 @@ int LoudnessMeter::album(const LoudnessMeter* const* meters, int count, kel_loud
         if (meters[i] == nullptr)
             return kErrParameter;
         states.push_back(meters[i]->state_);
-        r.sample_peak = std::max(r.sample_peak, peak_of(meters[i]->state_, meters[i]->channels_, ebur128_sample_peak));
-        r.true_peak = std::max(r.true_peak, peak_of(meters[i]->state_, meters[i]->channels_, ebur128_true_peak));
+        for (const TruePeak& channel : meters[i]->peaks_) {
+            r.sample_peak = std::max(r.sample_peak, channel.sample_peak());
+            r.true_peak = std::max(r.true_peak, channel.peak());
+        }
     }
     double value = 0.0;
     // libebur128 answers -HUGE_VAL when no block passes the gates: the

@@ -1,12 +1,13 @@
 // Loudness of a clip as ITU-R BS.1770-4 and EBU R128 measure it:
 // integrated loudness, loudness range, sample peak and true peak (four
-// times oversampled), computed by libebur128 from the packets' decoded
+// times oversampled), computed by libebur128 (peaks by TruePeak) from the packets' decoded
 // audio with their gains and envelopes, each packet decoded once. A meter
 // keeps its measurement state, so that several clips make one album.
 #ifndef KEL_LOUDNESS_LOUDNESSMETER_H
 #define KEL_LOUDNESS_LOUDNESSMETER_H
 
 #include "kel.h"
+#include "loudness/truepeak.h"
 
 #include <vector>
 
@@ -33,10 +34,13 @@ public:
     static int album(const LoudnessMeter* const* meters, int count, kel_loudness_t* out);
 
 private:
-    explicit LoudnessMeter(ebur128_state* state, int channels) : state_(state), channels_(channels) {}
+    LoudnessMeter(ebur128_state* state, int channels, double rate)
+        : state_(state), peaks_(static_cast<size_t>(channels), TruePeak(rate))
+    {
+    }
 
     ebur128_state* state_;
-    int channels_;
+    std::vector<TruePeak> peaks_; // one per channel measured
 };
 
 } // namespace KEL
