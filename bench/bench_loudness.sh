@@ -59,6 +59,8 @@ for f in a.mp3 a.m4a; do
   k=$(best "$kel" normalize "$dir/$f" --target -23 -o "$dir/out/$f")
   p=$(best cp "$dir/$f" "$dir/out/copy-$f")
   printf '%-6s %-28s %10s   %-34s %10s\n' "$name" "normalize -23 (measure+save)" "$k" "cp" "$p"
+  k=$(best "$kel" gain "$dir/$f" --db -6 -o "$dir/out/g-$f")
+  printf '%-6s %-28s %10s\n' "$name" "gain -6 (the save alone)" "$k"
 done
 k=$(best "$kel" gain "$dir/alac.m4a" --db -6 -o "$dir/out/g-alac.m4a")
 p=$(best ffmpeg -v error -y -i "$dir/alac.m4a" -af volume=-6dB -c:a alac "$dir/out/f-alac.m4a")
