@@ -177,6 +177,14 @@ KEL_API bool kel_clip_will_accept(kel_clip_t* clip, kel_clip_t* other, int* err)
 /* A new clip of target's format made from source packets first..last. */
 KEL_API kel_clip_t* kel_clip_transcode(kel_clip_t* target, kel_clip_t* source, int first, int last,
                                        int* err, const _kel_progress_t* progress);
+/* kel_clip_transcode of all of source, trimmed so that it plays exactly the
+ * frames source plays: the encoder's priming (MP3: LAME's delay and the
+ * decoder's 529 frames; AAC: one packet), the source's own trims and the
+ * silence that completes the last packet are left out, and saving writes
+ * them where the format can say so (an MP3's LAME tag, an MPEG-4 edit
+ * list; PCM files leave the frames out). */
+KEL_API kel_clip_t* kel_clip_transcode_exact(kel_clip_t* target, kel_clip_t* source, int* err,
+                                             const _kel_progress_t* progress);
 /* A new clip of `packets` silent packets in the clip's format. */
 KEL_API kel_clip_t* kel_clip_create_silent(kel_clip_t* clip, int packets, int* err,
                                            const _kel_progress_t* progress);

@@ -373,7 +373,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         kel_clip_t* result = nullptr;
         {
             ProgressBar bar("convert");
-            result = kel_clip_transcode(empty.get(), clip_, 0, packet_count() - 1, &err, bar.record());
+            result = kel_clip_transcode_exact(empty.get(), clip_, &err, bar.record());
         }
         converted = ToolClip(result, path);
         check_interrupt();
@@ -382,21 +382,11 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         if (err != 0)
             warn_library(err, name_);
         to_save = result;
-        // A PCM or Apple Lossless result at the same rate holds the source's
-        // frames one for one from its start (those encoders have no delay),
-        // so the source's trims still apply to it, and frames that complete
-        // its last packet are trimmed too. (MP3 and AAC start with their
-        // encoder's own delay.)
-        if (is_lossless(t.format) && t.sample_rate == source.sample_rate) {
-            const long long heard_end = boundaries().back() - end_trim();
-            const long long total = converted.boundaries().back();
-            err = 0;
-            kel_clip_set_trims(result, start_trim(), static_cast<int>(std::max(0LL, total - heard_end)), &err);
-            if (err != 0)
-                fail_library(err, path);
-            if (reencode_tail)
-                std::printf("(the frames that complete it are trimmed by the file's edit list)\n");
-        }
+        // The result is trimmed to the frames the source plays (the
+        // encoder's priming, the source's trims, the silence completing the
+        // last packet), which the saved file's LAME tag or edit list says.
+        if (reencode_tail)
+            std::printf("(the frames that complete it are trimmed by the file's edit list)\n");
     }
 
     PartialFile partial(path);

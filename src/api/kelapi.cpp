@@ -120,6 +120,17 @@ kel_clip_t* kel_clip_transcode(kel_clip_t* target, kel_clip_t* source, int first
     return target->transcode(source, first, last, e.cleared(), p.get());
 }
 
+kel_clip_t* kel_clip_transcode_exact(kel_clip_t* target, kel_clip_t* source, int* err,
+                                     const _kel_progress_t* progress)
+{
+    ErrorWord e(err);
+    ProgressRecord p(progress);
+    Clip* result = target->transcode(source, 0, source->packet_count - 1, e.cleared(), p.get());
+    if (result != nullptr)
+        result->trim_transcoded(*source);
+    return result;
+}
+
 kel_clip_t* kel_clip_create_silent(kel_clip_t* clip, int packets, int* err, const _kel_progress_t* progress)
 {
     ErrorWord e(err);

@@ -107,6 +107,12 @@ public:
     void set_trims(int start, int end, int* err);
     // The frames of all packets, as they count them.
     long long total_frames() const;
+    // Trims this clip, just transcoded from all of source's packets by
+    // this clip's kind of encoder, so that it plays what source played: the
+    // encoder's priming (ClipEncoder::priming_frames), the source's trims
+    // (scaled to this clip's rate) and the silence that completes the last
+    // packet are left out. Nothing when the sums do not leave a frame.
+    void trim_transcoded(Clip& source);
     int start_trim = 0;
     int end_trim = 0;
 

@@ -34,6 +34,10 @@ public:
     virtual const void* packet_encode(int* size, bool flush, int* err) = 0;
     // A new packet of the target format over stored bytes.
     virtual Packet* packet_with_storage(BSHandle* handle) = 0;
+    // Frames that decoding the output gives before the first frame put in
+    // (an encoder's priming, with the decoder's own delay); the transcode
+    // trims them, so that the saved file says to skip them.
+    virtual int priming_frames() const { return 0; }
 
     // Buffers frames of both channels; returns the frames accepted (0 when
     // the buffer or the resampler cannot be made).

@@ -11,6 +11,8 @@
 #include "core/silentclip.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <vector>
 
@@ -142,6 +144,29 @@ Clip* Clip::transcode(Clip* source, int first, int last, int* err, _kel_progress
     if (glitch)
         *err = kErrSavedWithErrors;
     return result;
+}
+
+void Clip::trim_transcoded(Clip& source)
+{
+    // The priming comes from an encoder made as the transcode made its own.
+    ClipEncoder* probe = create_encoder(source.sample_rate);
+    const int priming = probe != nullptr ? probe->priming_frames() : 0;
+    delete probe;
+    // A PCM file's last packet counts whole frames but holds fewer; what it
+    // holds is what played.
+    long long source_frames = 0;
+    for (int p = 0; p < source.packet_count; ++p)
+        source_frames += source.get_packet(p)->disk_frame_count();
+    const long long played = source_frames - source.start_trim - source.end_trim;
+    const double ratio = static_cast<double>(sample_rate) / static_cast<double>(source.sample_rate);
+    if (played <= 0 || !(ratio > 0.0))
+        return;
+    const long long start = priming + std::llround(static_cast<double>(source.start_trim) * ratio);
+    const long long end = total_frames() - start - std::llround(static_cast<double>(played) * ratio);
+    if (start > INT32_MAX || end < 0 || end > INT32_MAX)
+        return;
+    int ignored = 0;
+    set_trims(static_cast<int>(start), static_cast<int>(end), &ignored);
 }
 
 Clip* Clip::create_silent(int packets_wanted, int* err, _kel_progress_ext_t* progress)

@@ -30,6 +30,8 @@ public:
     const void* packet_encode(int* size, bool flush, int* err) override;
     // A new PacketM4AAC of 1024 frames over the stored bytes.
     Packet* packet_with_storage(BSHandle* handle) override;
+    // The encoder's one packet of priming.
+    int priming_frames() const override { return kFramesPerPacket; }
 
     int channels;
     float sample_rate;

@@ -1,6 +1,7 @@
 #include "mp3/clipencodermp3.h"
 
 #include "core/errorcodes.h"
+#include "mp3/lametag.h"
 
 #include <cstdlib>
 
@@ -126,6 +127,11 @@ const void* ClipEncoderMP3::packet_encode(int* size, bool flush, int* err)
 Packet* ClipEncoderMP3::packet_with_storage(BSHandle*)
 {
     return nullptr;
+}
+
+int ClipEncoderMP3::priming_frames() const
+{
+    return lame != nullptr ? lame_get_encoder_delay(lame) + LameTag::kDecoderDelay : 0;
 }
 
 } // namespace KEL

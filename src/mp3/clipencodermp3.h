@@ -38,6 +38,8 @@ public:
     const void* packet_encode(int* size, bool flush, int* err) override;
     // Always null: MP3 output becomes packets only by scanning its file.
     Packet* packet_with_storage(BSHandle* handle) override;
+    // LAME's delay and the decoder's 529 frames.
+    int priming_frames() const override;
 
     float sample_rate;
     int frames_per_packet;

@@ -45,6 +45,7 @@ void* slot_lame_encode_buffer_interleaved = nullptr;
 void* slot_lame_encode_flush_nogap = nullptr;
 void* slot_lame_encode_flush = nullptr;
 void* slot_lame_set_lowpassfreq = nullptr;
+void* slot_lame_get_encoder_delay = nullptr;
 
 struct LameBinding {
     const char* name;
@@ -52,7 +53,7 @@ struct LameBinding {
 };
 
 // Bound in this order; the null row ends the table.
-static constexpr std::array<LameBinding, 26> kBindings = {{
+static constexpr std::array<LameBinding, 27> kBindings = {{
     {"get_lame_version", &slot_get_lame_version},                             // version text
     {"lame_init", &slot_lame_init},                                           // new encoder state
     {"lame_close", &slot_lame_close},                                         // frees it
@@ -78,6 +79,7 @@ static constexpr std::array<LameBinding, 26> kBindings = {{
     {"lame_encode_flush_nogap", &slot_lame_encode_flush_nogap},               // flush, stream goes on
     {"lame_encode_flush", &slot_lame_encode_flush},                           // final flush
     {"lame_set_lowpassfreq", &slot_lame_set_lowpassfreq},                     // low-pass corner
+    {"lame_get_encoder_delay", &slot_lame_get_encoder_delay},                 // frames it adds in front
     {nullptr, nullptr},                                                       // end
 }};
 
@@ -229,6 +231,11 @@ int lame_set_bWriteVbrTag(lame_t gfp, int write)
 int lame_set_lowpassfreq(lame_t gfp, int hz)
 {
     return bound<int (*)(lame_t, int)>(slot_lame_set_lowpassfreq)(gfp, hz);
+}
+
+int lame_get_encoder_delay(lame_t gfp)
+{
+    return bound<int (*)(lame_t)>(slot_lame_get_encoder_delay)(gfp);
 }
 
 int lame_set_errorf(lame_t gfp, lame_report_function f)

@@ -62,6 +62,7 @@ KEL_API int lame_set_VBR_mean_bitrate_kbps(lame_t gfp, int kbps);
 KEL_API int lame_set_VBR_max_bitrate_kbps(lame_t gfp, int kbps);
 KEL_API int lame_set_bWriteVbrTag(lame_t gfp, int write);
 KEL_API int lame_set_lowpassfreq(lame_t gfp, int hz);
+KEL_API int lame_get_encoder_delay(lame_t gfp);
 KEL_API int lame_set_errorf(lame_t gfp, lame_report_function f);
 KEL_API int lame_set_debugf(lame_t gfp, lame_report_function f);
 KEL_API int lame_set_msgf(lame_t gfp, lame_report_function f);
