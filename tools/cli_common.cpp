@@ -204,38 +204,15 @@ std::string db_text(double linear, const char* unit)
     return strprintf("%.2f %s", to_db(linear), unit);
 }
 
-std::string json_string(const std::string& text)
+void print_json_array(const std::vector<nlohmann::ordered_json>& objects)
 {
-    std::string out = "\"";
-    for (const char ch : text) {
-        const auto c = static_cast<unsigned char>(ch);
-        switch (c) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            if (c < 0x20)
-                out += strprintf("\\u%04x", c);
-            else
-                out += ch; // UTF-8 passes through
-        }
+    std::string out = "[\n";
+    for (size_t n = 0; n < objects.size(); ++n) {
+        out += "  " + objects[n].dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+        out += n + 1 < objects.size() ? ",\n" : "\n";
     }
-    return out + "\"";
-}
-
-// Non-finite floats have no JSON spelling.
-std::string json_number(double value)
-{
-    return std::isfinite(value) ? strprintf("%.9g", value) : "null";
+    out += "]\n";
+    std::fputs(out.c_str(), stdout);
 }
 
 } // namespace KEL::cli

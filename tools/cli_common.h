@@ -6,6 +6,9 @@
 #include "kel.h"
 
 #include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace KEL::cli {
 
@@ -49,10 +52,10 @@ const char* writable_extensions();
 const char* stereo_mode_name(int mode);
 const char* rate_mode_name(int mode);
 
-// A JSON string literal of text (UTF-8 passes through).
-std::string json_string(const std::string& text);
-// A JSON number; null for values JSON cannot spell (infinities, NaN).
-std::string json_number(double value);
+// Prints a JSON array on stdout, one object per line. Numbers JSON cannot
+// spell (infinities, NaN) print as null; bytes that are not UTF-8 (in a
+// file name) as U+FFFD.
+void print_json_array(const std::vector<nlohmann::ordered_json>& objects);
 
 // printf into a std::string.
 std::string strprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -3,7 +3,7 @@
 // album at a time.
 #include "cli_commands.h"
 #include "cli_common.h"
-#include "options.h"
+#include "commandline.h"
 #include "progressbar.h"
 #include "toolclip.h"
 
@@ -11,7 +11,11 @@
 #include <cstdio>
 #include <memory>
 
+#include <nlohmann/json.hpp>
+
 namespace KEL::cli {
+
+namespace {
 
 const char* const kLoudnessHelp =
     "usage: kel loudness FILE... [--album] [--json] [--tag]\n"
@@ -22,17 +26,7 @@ const char* const kLoudnessHelp =
     "ReplayGain 2.0 track gain: the change that brings the file to -18 LUFS.\n"
     "Digital silence has no loudness (-inf, null in JSON). A file that cannot\n"
     "be read is reported and the others are still measured; the status is\n"
-    "then 1.\n"
-    "\n"
-    "  --album   also the values of all the files as one programme, and the\n"
-    "            album gain\n"
-    "  --tag     write the ReplayGain values (track, and album with --album)\n"
-    "            into each file's tags, the audio untouched\n"
-    "  --json    one JSON array, one object per file with the keys file,\n"
-    "            integrated_lufs, range_lu, sample_peak_dbfs, true_peak_dbtp,\n"
-    "            track_gain_db, and with --album album_integrated_lufs and\n"
-    "            album_gain_db (the same in every object); a file that failed\n"
-    "            has file and error instead\n";
+    "then 1.\n";
 
 const char* const kNormalizeHelp =
     "usage: kel normalize FILE... [--target LUFS] [--album] [--max-true-peak DBTP]\n"
@@ -44,19 +38,21 @@ const char* const kNormalizeHelp =
     "packets again. Prints per file the loudness before, the gain applied and\n"
     "the loudness after. Tags are carried, except loudness values measured on\n"
     "the old audio (ReplayGain, R128). A file that fails is reported and the\n"
-    "others go on; the status is then 1.\n"
-    "\n"
-    "  --target LUFS         the integrated loudness wanted (default -18)\n"
-    "  --album               one gain for all the files: the album's loudness\n"
-    "                        to the target, their relative levels kept\n"
-    "  --max-true-peak DBTP  ceiling for the true peak after the gain (default -1)\n"
-    "  -o, --output OUT      the file to write (one input only)\n"
-    "  --out-dir DIR         write each result into DIR under its own name\n"
-    "  --in-place            replace each file (written beside it, then renamed\n"
-    "                        over it, so a failure leaves the original)\n"
-    "  --no-tags             write no tags\n";
+    "others go on; the status is then 1.\n";
 
-namespace {
+// What the options of loudness and normalize fill in.
+struct LoudnessSettings {
+    std::vector<std::string> files;
+    bool album = false;
+    bool json = false;
+    bool tag = false;
+    double target = -18.0;
+    double max_true_peak = -1.0;
+    std::string output;
+    std::string out_dir;
+    bool in_place = false;
+    bool no_tags = false;
+};
 
 // ReplayGain 2.0 plays everything at -18 LUFS.
 constexpr double kReferenceLufs = -18.0;
@@ -109,15 +105,15 @@ std::string db_or_inf(double linear_or_db, bool linear, const char* unit)
 const double kStepDb = 20.0 * std::log10(2.0) / 4.0;
 
 // Where a normalised file goes.
-std::string output_for(const Options& o, const std::string& input)
+std::string output_for(const LoudnessSettings& o, const std::string& input)
 {
-    if (o.has("in-place"))
+    if (o.in_place)
         return input;
-    if (o.has("out-dir")) {
+    if (!o.out_dir.empty()) {
         const size_t slash = input.find_last_of('/');
-        return o.text("out-dir") + "/" + (slash == std::string::npos ? input : input.substr(slash + 1));
+        return o.out_dir + "/" + (slash == std::string::npos ? input : input.substr(slash + 1));
     }
-    return o.text("output");
+    return o.output;
 }
 
 // Applies gain_db, at most ceiling_db, to every packet: the nearest whole
@@ -149,32 +145,23 @@ double apply_gain(ToolClip& clip, double gain_db, double ceiling_db)
     return applied;
 }
 
-} // namespace
-
-int run_normalize(const Args& args)
+int run_normalize(const LoudnessSettings& o)
 {
-    const Options o("normalize", args,
-                    {{"target", true}, {"album", false}, {"max-true-peak", true}, {"output", true},
-                     {"out-dir", true}, {"in-place", false}, {"no-tags", false}});
-    if (o.help())
-        return show_help(kNormalizeHelp);
-    if (o.positional().empty())
-        fail_usage("normalize", "no file given");
-    const int destinations = (o.has("output") ? 1 : 0) + (o.has("out-dir") ? 1 : 0) + (o.has("in-place") ? 1 : 0);
+    const int destinations = (o.output.empty() ? 0 : 1) + (o.out_dir.empty() ? 0 : 1) + (o.in_place ? 1 : 0);
     if (destinations != 1)
         fail_usage("normalize", "give one of -o, --out-dir and --in-place");
-    if (o.has("output") && o.positional().size() != 1)
+    if (!o.output.empty() && o.files.size() != 1)
         fail_usage("normalize", "-o takes one input; use --out-dir or --in-place for several");
-    const double target = o.number("target", kReferenceLufs);
-    const double ceiling = o.number("max-true-peak", -1.0);
+    const double target = o.target;
+    const double ceiling = o.max_true_peak;
     SaveSettings settings;
-    settings.tags = !o.has("no-tags");
+    settings.tags = !o.no_tags;
 
     std::vector<Measured> files;
-    for (const std::string& path : o.positional())
+    for (const std::string& path : o.files)
         files.push_back(measure(path));
     kel_loudness_t whole{-INFINITY, 0.0, 0.0, 0.0};
-    if (o.has("album")) {
+    if (o.album) {
         std::vector<const kel_loudness_meter_t*> meters;
         for (const Measured& m : files)
             if (m.meter != nullptr)
@@ -190,7 +177,7 @@ int run_normalize(const Args& args)
             ++failed;
             continue;
         }
-        const kel_loudness_t& level = o.has("album") ? whole : m.values;
+        const kel_loudness_t& level = o.album ? whole : m.values;
         if (!std::isfinite(level.integrated_lufs)) {
             std::fprintf(stderr, "kel: %s: digital silence has no loudness; left as it is\n", m.file.c_str());
             ++failed;
@@ -216,20 +203,15 @@ int run_normalize(const Args& args)
     return failed > 0 ? kExitFailure : kExitOk;
 }
 
-int run_loudness(const Args& args)
+int run_loudness(const LoudnessSettings& o)
 {
-    const Options o("loudness", args, {{"album", false}, {"json", false}, {"tag", false}});
-    if (o.help())
-        return show_help(kLoudnessHelp);
-    if (o.positional().empty())
-        fail_usage("loudness", "no file given");
-    const bool json = o.has("json");
-    const bool album = o.has("album");
+    const bool json = o.json;
+    const bool album = o.album;
 
     std::vector<Measured> files;
     int status = kExitOk;
     int failed = 0;
-    for (const std::string& path : o.positional()) {
+    for (const std::string& path : o.files) {
         files.push_back(measure(path));
         if (files.back().error != 0) {
             status = kExitFailure;
@@ -249,7 +231,7 @@ int run_loudness(const Args& args)
             kel_loudness_album(meters.data(), static_cast<int>(meters.size()), &whole);
     }
 
-    if (o.has("tag")) {
+    if (o.tag) {
         for (Measured& m : files) {
             if (m.error != 0 || !std::isfinite(m.values.integrated_lufs))
                 continue;
@@ -262,28 +244,26 @@ int run_loudness(const Args& args)
             }
         }
     }
-    if (json)
-        std::printf("[\n");
-    for (size_t n = 0; n < files.size(); ++n) {
-        const Measured& m = files[n];
+    std::vector<nlohmann::ordered_json> objects;
+    for (const Measured& m : files) {
         const kel_loudness_t& v = m.values;
         if (json) {
-            std::string out = "  {\"file\": " + json_string(m.file);
+            nlohmann::ordered_json out;
+            out["file"] = m.file;
             if (m.error != 0) {
-                out += ", \"error\": {\"code\": " + json_string(code_text(m.error)) + "}}";
+                out["error"] = {{"code", code_text(m.error)}};
             } else {
-                out += ", \"integrated_lufs\": " + json_number(v.integrated_lufs);
-                out += ", \"range_lu\": " + json_number(v.range_lu);
-                out += ", \"sample_peak_dbfs\": " + json_number(to_db(v.sample_peak));
-                out += ", \"true_peak_dbtp\": " + json_number(to_db(v.true_peak));
-                out += ", \"track_gain_db\": " + json_number(gain_to_reference(v.integrated_lufs));
+                out["integrated_lufs"] = v.integrated_lufs;
+                out["range_lu"] = v.range_lu;
+                out["sample_peak_dbfs"] = to_db(v.sample_peak);
+                out["true_peak_dbtp"] = to_db(v.true_peak);
+                out["track_gain_db"] = gain_to_reference(v.integrated_lufs);
                 if (album) {
-                    out += ", \"album_integrated_lufs\": " + json_number(whole.integrated_lufs);
-                    out += ", \"album_gain_db\": " + json_number(gain_to_reference(whole.integrated_lufs));
+                    out["album_integrated_lufs"] = whole.integrated_lufs;
+                    out["album_gain_db"] = gain_to_reference(whole.integrated_lufs);
                 }
-                out += "}";
             }
-            std::printf("%s%s\n", out.c_str(), n + 1 < files.size() ? "," : "");
+            objects.push_back(std::move(out));
         } else if (m.error == 0) {
             std::printf("%s\n", m.file.c_str());
             std::printf("  integrated   %s\n", db_or_inf(v.integrated_lufs, false, "LUFS").c_str());
@@ -294,7 +274,7 @@ int run_loudness(const Args& args)
         }
     }
     if (json)
-        std::printf("]\n");
+        print_json_array(objects);
     else if (album)
         std::printf("album\n  integrated   %s\n  range        %.2f LU\n  true peak    %s\n  album gain   %s\n",
                     db_or_inf(whole.integrated_lufs, false, "LUFS").c_str(), whole.range_lu,
@@ -303,6 +283,46 @@ int run_loudness(const Args& args)
     if (failed > 0 && !json)
         std::fprintf(stderr, "kel: %d of %zu files could not be measured\n", failed, files.size());
     return status;
+}
+
+} // namespace
+
+void add_loudness(CommandLine& kel)
+{
+    auto s = std::make_shared<LoudnessSettings>();
+    CLI::App& c = kel.add("loudness", "EBU R128 loudness, range, true peak and ReplayGain 2.0 gain", kLoudnessHelp,
+                          [s] { return run_loudness(*s); });
+    c.add_option("FILE", s->files, "the files to measure")->required();
+    c.add_flag("--album", s->album, "also the values of all the files as one programme, and the\nalbum gain");
+    c.add_flag("--tag", s->tag,
+               "write the ReplayGain values (track, and album with --album)\n"
+               "into each file's tags, the audio untouched");
+    c.add_flag("--json", s->json,
+               "one JSON array, one object per file with the keys file,\n"
+               "integrated_lufs, range_lu, sample_peak_dbfs, true_peak_dbtp,\n"
+               "track_gain_db, and with --album album_integrated_lufs and\n"
+               "album_gain_db (the same in every object); a file that failed\n"
+               "has file and error instead");
+}
+
+void add_normalize(CommandLine& kel)
+{
+    auto s = std::make_shared<LoudnessSettings>();
+    CLI::App& c = kel.add("normalize", "bring files to a loudness, MP3 and AAC without re-encoding", kNormalizeHelp,
+                          [s] { return run_normalize(*s); });
+    c.add_option("FILE", s->files, "the files to bring to the loudness")->required();
+    CommandLine::add_number(c, "--target", s->target, "the integrated loudness wanted (default -18)", "LUFS");
+    c.add_flag("--album", s->album,
+               "one gain for all the files: the album's loudness\n"
+               "to the target, their relative levels kept");
+    CommandLine::add_number(c, "--max-true-peak", s->max_true_peak,
+                            "ceiling for the true peak after the gain (default -1)", "DBTP");
+    c.add_option("-o,--output", s->output, "the file to write (one input only)")->type_name("OUT");
+    c.add_option("--out-dir", s->out_dir, "write each result into DIR under its own name")->type_name("DIR");
+    c.add_flag("--in-place", s->in_place,
+               "replace each file (written beside it, then renamed\n"
+               "over it, so a failure leaves the original)");
+    c.add_flag("--no-tags", s->no_tags, "write no tags");
 }
 
 } // namespace KEL::cli

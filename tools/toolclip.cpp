@@ -1,7 +1,6 @@
 #include "toolclip.h"
 
 #include "cli_common.h"
-#include "options.h"
 #include "partialfile.h"
 #include "progressbar.h"
 
@@ -243,24 +242,45 @@ double ToolClip::duration_seconds()
     return seconds_at(packet_count());
 }
 
-PacketRange ToolClip::range(const Options& o)
+namespace {
+
+// A packet index from --start or --end with --packets.
+long packet_index(const RangeSettings& r, double value, const char* name, long fallback)
+{
+    if (std::isnan(value))
+        return fallback;
+    if (value != std::floor(value))
+        fail_usage(r.command, strprintf("--%s wants a whole number with --packets", name));
+    return static_cast<long>(std::max(-1.0, std::min(value, 2147483647.0)));
+}
+
+void check_start(const RangeSettings& r)
+{
+    if (r.start < 0.0)
+        fail_usage(r.command, "--start must not be below 0");
+}
+
+} // namespace
+
+PacketRange ToolClip::range(const RangeSettings& o)
 {
     const int count = packet_count();
     if (count < 1)
         fail(name_ + ": the clip holds no packets");
-    if (o.has("packets")) {
-        const long first = o.integer("start", 0);
-        const long last = o.integer("end", count - 1);
+    if (o.packets) {
+        const long first = packet_index(o, o.start, "start", 0);
+        const long last = packet_index(o, o.end, "end", count - 1);
         if (first < 0 || last >= count || last < first)
             fail(strprintf("%s: packets %ld..%ld are not a range within 0..%d", name_.c_str(), first, last,
                            count - 1));
         return {static_cast<int>(first), static_cast<int>(last)};
     }
+    check_start(o);
     const double duration = duration_seconds();
-    const double start = o.number_at_least("start", 0.0, 0.0);
-    const double end = o.number("end", duration);
+    const double start = std::isnan(o.start) ? 0.0 : o.start;
+    const double end = std::isnan(o.end) ? duration : o.end;
     if (end <= start)
-        fail_usage(o.command(), "--end must come after --start");
+        fail_usage(o.command, "--end must come after --start");
     if (start >= duration)
         fail(strprintf("%s: the range starts at %.3f s, but the file is %.3f s long", name_.c_str(), start,
                        duration));
@@ -293,16 +313,17 @@ double ToolClip::heard_seconds()
     return rate > 0.0f ? static_cast<double>(frames) / rate : 0.0;
 }
 
-FrameRange ToolClip::frame_range(const Options& o)
+FrameRange ToolClip::frame_range(const RangeSettings& o)
 {
     if (packet_count() < 1)
         fail(name_ + ": the clip holds no packets");
+    check_start(o);
     const double rate = info().sample_rate;
     const double duration = heard_seconds();
-    const double start = o.number_at_least("start", 0.0, 0.0);
-    const double end = std::min(o.number("end", duration), duration);
-    if (o.has("end") && o.number("end", 0.0) <= start)
-        fail_usage(o.command(), "--end must come after --start");
+    const double start = std::isnan(o.start) ? 0.0 : o.start;
+    const double end = std::isnan(o.end) ? duration : std::min(o.end, duration);
+    if (!std::isnan(o.end) && o.end <= start)
+        fail_usage(o.command, "--end must come after --start");
     if (start >= duration)
         fail(strprintf("%s: the range starts at %.3f s, but the file is %.3f s long", name_.c_str(), start,
                        duration));
