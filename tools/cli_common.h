@@ -57,6 +57,14 @@ const char* rate_mode_name(int mode);
 // file name) as U+FFFD.
 void print_json_array(const std::vector<nlohmann::ordered_json>& objects);
 
+// Where --out-dir puts the output of `input`: DIR/NAME, with the extension
+// replaced by `extension` when one is given.
+std::string output_in(const std::string& dir, const std::string& input, const std::string& extension);
+// Before a batch writes into dir: makes dir when missing, and refuses (bad
+// usage) two inputs with one output name and an output that is its input.
+void prepare_outputs(const std::string& command, const std::string& dir, const std::vector<std::string>& inputs,
+                     const std::vector<std::string>& outputs);
+
 // printf into a std::string.
 std::string strprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // A linear factor in decibels; -inf for 0.

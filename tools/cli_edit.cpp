@@ -2,7 +2,9 @@
 // move packets and set gains without decoding; only writing the result in
 // another format decodes.
 #include "cli_commands.h"
+#include "batch.h"
 #include "cli_common.h"
+#include "console.h"
 #include "commandline.h"
 #include "toolclip.h"
 
@@ -21,17 +23,26 @@ namespace {
     "smallest piece the file's coding can cut without decoding (1024 frames\n"    \
     "for PCM files, 1152 for most MP3). The command prints the packets taken.\n"
 
+#define KEL_BATCH_PROSE                                                           \
+    "Several FILEs are written into --out-dir under their own names (the\n"     \
+    "extension --format names, if any), -j files at once. Each file's report\n"  \
+    "prints as one block, in input order. A file that fails is reported and\n"   \
+    "the others go on; the status is then 1. Ctrl-C keeps the finished files\n"  \
+    "and leaves no partial one.\n"
+
 const char* const kCutHelp =
     "usage: kel cut FILE --start T --end T -o OUT\n"
+    "       kel cut FILE... --start T --end T --out-dir DIR [-j N] [--json]\n"
     "\n"
     "Removes a range and writes what remains.\n"
-    "\n" KEL_RANGE_PROSE;
+    "\n" KEL_RANGE_PROSE "\n" KEL_BATCH_PROSE;
 
 const char* const kCopyHelp =
     "usage: kel copy FILE --start T --end T -o OUT\n"
+    "       kel copy FILE... --start T --end T --out-dir DIR [-j N] [--json]\n"
     "\n"
     "Keeps a range and writes it alone.\n"
-    "\n" KEL_RANGE_PROSE;
+    "\n" KEL_RANGE_PROSE "\n" KEL_BATCH_PROSE;
 
 const char* const kSpliceHelp =
     "usage: kel splice FILE --at T --insert OTHER -o OUT\n"
@@ -42,31 +53,40 @@ const char* const kSpliceHelp =
 
 const char* const kGainHelp =
     "usage: kel gain FILE --db X [--start T --end T] -o OUT\n"
+    "       kel gain FILE... --db X --out-dir DIR [-j N] [--json]\n"
     "\n"
     "Changes the loudness of the whole file or of a range by X decibels\n"
     "(negative is quieter). MP3 gain moves in steps of 1.5 dB and is changed\n"
     "without re-encoding; the command reports the gain really applied.\n"
-    "\n" KEL_RANGE_PROSE;
+    "\n" KEL_RANGE_PROSE "\n" KEL_BATCH_PROSE;
 
 const char* const kFadeHelp =
     "usage: kel fade FILE [--in SEC] [--out SEC] -o OUT\n"
+    "       kel fade FILE... [--in SEC] [--out SEC] --out-dir DIR [-j N] [--json]\n"
     "\n"
     "Fades in from silence over the first SEC seconds and/or out to silence\n"
-    "over the last SEC seconds, rounded to whole packets (at least one).\n";
+    "over the last SEC seconds, rounded to whole packets (at least one).\n"
+    "\n" KEL_BATCH_PROSE;
 
 const char* const kConvertHelp =
     "usage: kel convert FILE -o OUT.ext [--rate HZ] [--bits N] [--bitrate K]\n"
+    "       kel convert FILE... --out-dir DIR --format EXT [-j N] [--json] [...]\n"
     "\n"
     "Writes FILE in the format of OUT's extension: .wav (WAVE), .aif or .aiff\n"
     "(AIFF), .caf (CAF, 16 bit), .mp3 (MP3), .m4a (AAC, or Apple Lossless with\n"
     "--lossless). Formats the library cannot encode are refused with a clear\n"
-    "message. Channels beyond the first two are dropped.\n";
+    "message. Channels beyond the first two are dropped.\n"
+    "\n" KEL_BATCH_PROSE;
 
 // What the options of the editing commands fill in; each command declares
 // the ones it takes.
 struct EditSettings {
-    std::string file;
+    std::vector<std::string> files;
     std::string output;
+    std::string out_dir;       // batches
+    std::string format;        // batches: the outputs' extension
+    int jobs = 0;              // batches: files at once, 0 for the cores
+    bool json = false;         // batches: summaries on stdout
     RangeSettings range;
     std::string codec;
     bool no_tags = false;
@@ -82,19 +102,75 @@ struct EditSettings {
     bool lossless = false;     // convert
 };
 
-// Declares a command that reads FILE and writes OUT, with the options
-// every such command takes.
-CLI::App& add_writer(CommandLine& kel, const char* name, const char* summary, const char* help,
-                     std::shared_ptr<EditSettings> s, int (*run)(const EditSettings&))
+using Writer = int (*)(const EditSettings&, const std::string& file, const std::string& out);
+
+// Runs a writing command on each of its inputs: OUT from -o for one file,
+// or DIR/NAME for each under --out-dir.
+int run_writer(const char* command, const EditSettings& o, Writer run)
 {
-    CLI::App& c = kel.add(name, summary, help, [s, run] { return run(*s); });
-    c.add_option("FILE", s->file, "the input file")->required();
-    c.add_option("-o,--output", s->output,
-                 "the file to write; its extension picks the format (.wav,\n"
-                 ".aif/.aiff, .caf, .mp3, .m4a); another format than the\n"
-                 "input's is converted on the way")
-        ->type_name("OUT")
-        ->required();
+    if (!o.output.empty() && !o.out_dir.empty())
+        fail_usage(command, "give -o or --out-dir, not both");
+    if (!o.output.empty() && o.files.size() > 1)
+        fail_usage(command, "-o takes one input; use --out-dir DIR for several");
+    if (o.output.empty() && o.out_dir.empty())
+        fail_usage(command, "no output file given (-o OUT, or --out-dir DIR)");
+    if (!o.format.empty() && o.out_dir.empty())
+        fail_usage(command, "--format names the outputs of --out-dir; -o takes OUT's extension");
+    std::vector<std::string> outputs;
+    for (const std::string& file : o.files)
+        outputs.push_back(o.output.empty() ? output_in(o.out_dir, file, o.format) : o.output);
+    if (!o.out_dir.empty())
+        prepare_outputs(command, o.out_dir, o.files, outputs);
+    Batch batch(o.jobs, o.json);
+    const size_t failed = batch.run(o.files, [&](size_t i) {
+        Batch::summary()["output"] = outputs[i];
+        const int status = run(o, o.files[i], outputs[i]);
+        if (status != kExitOk)
+            throw Exit{status};
+    });
+    return batch.finish(failed);
+}
+
+// Declares a command that reads FILE and writes OUT, with the options
+// every such command takes; with `batch`, several FILEs and the options
+// that place and pace them.
+CLI::App& add_writer(CommandLine& kel, const char* name, const char* summary, const char* help,
+                     std::shared_ptr<EditSettings> s, Writer run, bool batch = true)
+{
+    CLI::App& c = kel.add(name, summary, help, [s, run, name, batch] {
+        return batch ? run_writer(name, *s, run) : run(*s, s->files[0], s->output);
+    });
+    CLI::Option* output;
+    if (batch) {
+        c.add_option("FILE", s->files, "the input files")->required();
+        output = c.add_option("-o,--output", s->output,
+                              "the file to write (one input); its extension picks the\n"
+                              "format (.wav, .aif/.aiff, .caf, .mp3, .m4a); another format\n"
+                              "than the input's is converted on the way");
+        c.add_option("--out-dir", s->out_dir,
+                     "write each result into DIR (made when missing) under its\n"
+                     "input's name")
+            ->type_name("DIR");
+        c.add_option("--format", s->format,
+                     "with --out-dir: the outputs' extension and so their format\n"
+                     "(default: each input's own)")
+            ->check(CLI::IsMember({"wav", "wave", "aif", "aiff", "caf", "mp3", "m4a"}))
+            ->type_name("EXT");
+        CommandLine::add_jobs(c, s->jobs);
+        c.add_flag("--json", s->json,
+                   "print one JSON array, one object per input with the keys\n"
+                   "file, output, format, channels, sample_rate, bits_per_sample,\n"
+                   "duration (of the written file) and the command's own\n"
+                   "figures; a file that failed has file and error {code,\n"
+                   "message} instead");
+    } else {
+        c.add_option("FILE", s->files, "the input file")->required()->expected(1);
+        output = c.add_option("-o,--output", s->output,
+                              "the file to write; its extension picks the format (.wav,\n"
+                              ".aif/.aiff, .caf, .mp3, .m4a)")
+                     ->required();
+    }
+    output->type_name("OUT");
     c.add_option("--codec", s->codec,
                  "the codec of an .m4a output (default: the input's when it\n"
                  "is AAC or Apple Lossless, else AAC)")
@@ -145,7 +221,7 @@ void put_in_front(ToolClip& clip, const ToolClip& frames)
     kel_clip_insert(clip.get(), 0, frames.get(), &err);
     if (err != 0)
         fail_library(err, clip.name());
-    std::printf("put %d padding frames in front for the bit reservoir of the first kept frame\n",
+    Console::out("put %d padding frames in front for the bit reservoir of the first kept frame\n",
                 frames.packet_count());
 }
 
@@ -203,10 +279,9 @@ ToolClip exact_copy(ToolClip& clip, long long from, long long to)
     }
 }
 
-int keep_or_remove(const EditSettings& o, bool keep)
+int keep_or_remove(const EditSettings& o, const std::string& file, const std::string& out, bool keep)
 {
-    const std::string& out = o.output;
-    ToolClip clip = ToolClip::open(o.file);
+    ToolClip clip = ToolClip::open(file);
     if (saves_trims(clip.info().format) && !o.range.packets) {
         // Frame-exact: the range as players hear the file.
         const FrameRange f = clip.frame_range(o.range);
@@ -221,11 +296,11 @@ int keep_or_remove(const EditSettings& o, bool keep)
         if (piece.get() != nullptr) {
             piece.set_tag_source(clip.tag_source());
             const double rate = clip.info().sample_rate;
-            std::printf("%s %.6f s to %.6f s (frames %lld to %lld); %.6f s left\n", keep ? "kept" : "removed",
+            Console::out("%s %.6f s to %.6f s (frames %lld to %lld); %.6f s left\n", keep ? "kept" : "removed",
                         (f.start - begin) / rate, (f.end - begin) / rate, f.start - begin, f.end - begin,
                         piece.heard_seconds());
             piece.save(out, output_settings(o));
-            std::printf("wrote %s\n", out.c_str());
+            Console::out("wrote %s\n", out.c_str());
             return kExitOk;
         }
         // A cut inside the stream: MP3 frames in the middle cannot be
@@ -247,29 +322,28 @@ int keep_or_remove(const EditSettings& o, bool keep)
     put_in_front(result, padding);
     if (keep)
         piece.set_tag_source(clip.tag_source());
-    std::printf("%s %s; %d packets, %.3f s left\n", keep ? "kept" : "removed", what.c_str(),
+    Console::out("%s %s; %d packets, %.3f s left\n", keep ? "kept" : "removed", what.c_str(),
                 result.packet_count(), result.duration_seconds());
     result.save(out, output_settings(o));
-    std::printf("wrote %s\n", out.c_str());
+    Console::out("wrote %s\n", out.c_str());
     return kExitOk;
 }
 
-int run_cut(const EditSettings& o)
+int run_cut(const EditSettings& o, const std::string& file, const std::string& out)
 {
-    return keep_or_remove(o, false);
+    return keep_or_remove(o, file, out, false);
 }
 
-int run_copy(const EditSettings& o)
+int run_copy(const EditSettings& o, const std::string& file, const std::string& out)
 {
-    return keep_or_remove(o, true);
+    return keep_or_remove(o, file, out, true);
 }
 
-int run_splice(const EditSettings& o)
+int run_splice(const EditSettings& o, const std::string& file, const std::string& out)
 {
-    const std::string& out = o.output;
     if (o.range.packets && !std::isnan(o.at) && o.at != std::floor(o.at))
         fail_usage("splice", "--at wants a whole number with --packets");
-    ToolClip clip = ToolClip::open(o.file);
+    ToolClip clip = ToolClip::open(file);
     ToolClip other = ToolClip::open(o.insert);
     int at = clip.packet_count();
     if (o.range.packets && !std::isnan(o.at)) {
@@ -308,7 +382,7 @@ int run_splice(const EditSettings& o)
             fail_library(err, other.name());
         int unused = 0; // both trims lie within what is kept
         kel_clip_set_trims(kept.get(), static_cast<int>(start - front), static_cast<int>(end - back), &unused);
-        std::printf("left out %d packets of %s that only its trims cover\n", drop_front + drop_back,
+        Console::out("left out %d packets of %s that only its trims cover\n", drop_front + drop_back,
                     other.name().c_str());
         other = std::move(kept);
     }
@@ -316,18 +390,17 @@ int run_splice(const EditSettings& o)
     kel_clip_insert(clip.get(), at, other.get(), &err);
     if (err != 0)
         fail_library(err, other.name());
-    std::printf("inserted %d packets of %s before packet %d (%.3f s); %d packets, %.3f s in all\n", inserted,
+    Console::out("inserted %d packets of %s before packet %d (%.3f s); %d packets, %.3f s in all\n", inserted,
                 other.name().c_str(), at, at_seconds, clip.packet_count(), clip.duration_seconds());
     clip.save(out, output_settings(o));
-    std::printf("wrote %s\n", out.c_str());
+    Console::out("wrote %s\n", out.c_str());
     return kExitOk;
 }
 
-int run_gain(const EditSettings& o)
+int run_gain(const EditSettings& o, const std::string& file, const std::string& out)
 {
     const double db = o.db;
-    const std::string& out = o.output;
-    ToolClip clip = ToolClip::open(o.file);
+    ToolClip clip = ToolClip::open(file);
     const PacketRange r = clip.range(o.range);
     const double factor = std::pow(10.0, db / 20.0);
     double lowest = INFINITY;
@@ -350,11 +423,12 @@ int run_gain(const EditSettings& o)
     std::string applied = strprintf("%+.2f dB", lowest);
     if (highest - lowest > 0.005)
         applied = strprintf("%+.2f to %+.2f dB", lowest, highest);
-    std::printf("gain %+.2f dB asked, %s applied on %s\n", db, applied.c_str(), clip.describe(r).c_str());
+    Batch::summary()["gain_db"] = lowest;
+    Console::out("gain %+.2f dB asked, %s applied on %s\n", db, applied.c_str(), clip.describe(r).c_str());
     if (std::fabs(lowest - db) > 0.005 || std::fabs(highest - db) > 0.005)
-        std::printf("(%s changes gain in steps; that is the nearest it can store)\n", format_name(clip.info().format));
+        Console::out("(%s changes gain in steps; that is the nearest it can store)\n", format_name(clip.info().format));
     clip.save(out, output_settings(o));
-    std::printf("wrote %s\n", out.c_str());
+    Console::out("wrote %s\n", out.c_str());
     return kExitOk;
 }
 
@@ -384,32 +458,30 @@ void fade(ToolClip& clip, PacketRange r, float from, float to)
     clip.note_edited(r);
 }
 
-int run_fade(const EditSettings& o)
+int run_fade(const EditSettings& o, const std::string& file, const std::string& out)
 {
     const double in = o.fade_in;
     const double out_seconds = o.fade_out;
-    const std::string& out = o.output;
-    ToolClip clip = ToolClip::open(o.file);
+    ToolClip clip = ToolClip::open(file);
     const int count = clip.packet_count();
     if (in > 0.0) {
         const int last = std::min(count - 1, std::max(1, clip.boundary_at(in)) - 1);
         fade(clip, {0, last}, 0.0f, 1.0f);
-        std::printf("fade in over %s\n", clip.describe({0, last}).c_str());
+        Console::out("fade in over %s\n", clip.describe({0, last}).c_str());
     }
     if (out_seconds > 0.0) {
         const double start = std::max(0.0, clip.duration_seconds() - out_seconds);
         const int first = std::max(0, std::min(count - 1, clip.boundary_at(start)));
         fade(clip, {first, count - 1}, 1.0f, 0.0f);
-        std::printf("fade out over %s\n", clip.describe({first, count - 1}).c_str());
+        Console::out("fade out over %s\n", clip.describe({first, count - 1}).c_str());
     }
     clip.save(out, output_settings(o));
-    std::printf("wrote %s\n", out.c_str());
+    Console::out("wrote %s\n", out.c_str());
     return kExitOk;
 }
 
-int run_convert(const EditSettings& o)
+int run_convert(const EditSettings& o, const std::string& file, const std::string& out)
 {
-    const std::string& out = o.output;
     SaveSettings s = output_settings(o);
     s.sample_rate = static_cast<float>(o.rate);
     s.bits = o.bits;
@@ -420,7 +492,7 @@ int run_convert(const EditSettings& o)
             fail_usage("convert", "--lossless and --codec aac contradict each other");
         s.codec = KEL_FORMAT_ALAC;
     }
-    ToolClip clip = ToolClip::open(o.file);
+    ToolClip clip = ToolClip::open(file);
     const _kel_clip_info_t in = clip.info();
     clip.save(out, s);
     // Describe what was written from the file itself.
@@ -428,7 +500,7 @@ int run_convert(const EditSettings& o)
     const int err = kel_file_info(out.c_str(), &written, nullptr);
     if (err != 0)
         fail_library(err, out);
-    std::printf("converted %s (%s, %g Hz, %d bit) to %s (%s, %d ch, %g Hz, %d bit, %.1f kbit/s, %.3f s)\n",
+    Console::out("converted %s (%s, %g Hz, %d bit) to %s (%s, %d ch, %g Hz, %d bit, %.1f kbit/s, %.3f s)\n",
                 clip.name().c_str(), format_name(in.format), static_cast<double>(in.sample_rate), in.bits_per_sample,
                 out.c_str(), format_name(written.format), written.channels, static_cast<double>(written.sample_rate),
                 written.bits_per_sample, written.bit_rate / 1000.0, static_cast<double>(written.duration));
@@ -454,7 +526,7 @@ void add_copy(CommandLine& kel)
 void add_splice(CommandLine& kel)
 {
     auto s = std::make_shared<EditSettings>();
-    CLI::App& c = add_writer(kel, "splice", "insert another file at a time", kSpliceHelp, s, run_splice);
+    CLI::App& c = add_writer(kel, "splice", "insert another file at a time", kSpliceHelp, s, run_splice, false);
     s->range.command = "splice";
     CommandLine::add_number(c, "--at", s->at,
                             "where to insert, in seconds, rounded to the nearest\n"

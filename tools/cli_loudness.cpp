@@ -2,7 +2,9 @@
 // EBU R128 measures them, with the ReplayGain 2.0 gain, one file or a whole
 // album at a time.
 #include "cli_commands.h"
+#include "batch.h"
 #include "cli_common.h"
+#include "console.h"
 #include "commandline.h"
 #include "progressbar.h"
 #include "toolclip.h"
@@ -18,7 +20,7 @@ namespace KEL::cli {
 namespace {
 
 const char* const kLoudnessHelp =
-    "usage: kel loudness FILE... [--album] [--json] [--tag]\n"
+    "usage: kel loudness FILE... [--album] [--json] [--tag] [-j N]\n"
     "\n"
     "Measures each file as ITU-R BS.1770-4 and EBU R128 do: integrated\n"
     "loudness (LUFS), loudness range (LU), sample peak (dBFS) and true peak\n"
@@ -30,7 +32,7 @@ const char* const kLoudnessHelp =
 
 const char* const kNormalizeHelp =
     "usage: kel normalize FILE... [--target LUFS] [--album] [--max-true-peak DBTP]\n"
-    "                     (-o OUT | --out-dir DIR | --in-place) [--no-tags]\n"
+    "                     (-o OUT | --out-dir DIR | --in-place) [--no-tags] [-j N] [--json]\n"
     "\n"
     "Brings each file to a loudness: MP3 and AAC without re-encoding, in whole\n"
     "steps of 1.5 dB (the step nearest the target that keeps the true peak\n"
@@ -52,6 +54,7 @@ struct LoudnessSettings {
     std::string out_dir;
     bool in_place = false;
     bool no_tags = false;
+    int jobs = 0; // files at once, 0 for the cores
 };
 
 // ReplayGain 2.0 plays everything at -18 LUFS.
@@ -104,18 +107,6 @@ std::string db_or_inf(double linear_or_db, bool linear, const char* unit)
 // One global-gain step of MP3 and AAC, in decibels.
 const double kStepDb = 20.0 * std::log10(2.0) / 4.0;
 
-// Where a normalised file goes.
-std::string output_for(const LoudnessSettings& o, const std::string& input)
-{
-    if (o.in_place)
-        return input;
-    if (!o.out_dir.empty()) {
-        const size_t slash = input.find_last_of('/');
-        return o.out_dir + "/" + (slash == std::string::npos ? input : input.substr(slash + 1));
-    }
-    return o.output;
-}
-
 // Applies gain_db, at most ceiling_db, to every packet: the nearest whole
 // step at or below the ceiling where the format steps. Returns the gain
 // really applied, in decibels.
@@ -145,6 +136,14 @@ double apply_gain(ToolClip& clip, double gain_db, double ceiling_db)
     return applied;
 }
 
+// Measures every file, -j at a time.
+std::vector<Measured> measure_all(const LoudnessSettings& o)
+{
+    std::vector<Measured> files(o.files.size());
+    Batch(o.jobs, false).run(o.files, [&](size_t i) { files[i] = measure(o.files[i]); });
+    return files;
+}
+
 int run_normalize(const LoudnessSettings& o)
 {
     const int destinations = (o.output.empty() ? 0 : 1) + (o.out_dir.empty() ? 0 : 1) + (o.in_place ? 1 : 0);
@@ -152,14 +151,17 @@ int run_normalize(const LoudnessSettings& o)
         fail_usage("normalize", "give one of -o, --out-dir and --in-place");
     if (!o.output.empty() && o.files.size() != 1)
         fail_usage("normalize", "-o takes one input; use --out-dir or --in-place for several");
+    std::vector<std::string> outputs;
+    for (const std::string& file : o.files)
+        outputs.push_back(o.out_dir.empty() ? (o.in_place ? file : o.output) : output_in(o.out_dir, file, ""));
+    if (!o.out_dir.empty())
+        prepare_outputs("normalize", o.out_dir, o.files, outputs);
     const double target = o.target;
     const double ceiling = o.max_true_peak;
     SaveSettings settings;
     settings.tags = !o.no_tags;
 
-    std::vector<Measured> files;
-    for (const std::string& path : o.files)
-        files.push_back(measure(path));
+    const std::vector<Measured> files = measure_all(o);
     kel_loudness_t whole{-INFINITY, 0.0, 0.0, 0.0};
     if (o.album) {
         std::vector<const kel_loudness_meter_t*> meters;
@@ -170,37 +172,34 @@ int run_normalize(const LoudnessSettings& o)
             kel_loudness_album(meters.data(), static_cast<int>(meters.size()), &whole);
     }
 
-    int failed = 0;
-    for (const Measured& m : files) {
+    Batch batch(o.jobs, o.json);
+    const size_t failed = batch.run(o.files, [&](size_t i) {
+        const Measured& m = files[i];
         if (m.error != 0) {
             report_library(m.error, m.file);
-            ++failed;
-            continue;
+            throw Exit{kExitFailure};
         }
         const kel_loudness_t& level = o.album ? whole : m.values;
         if (!std::isfinite(level.integrated_lufs)) {
-            std::fprintf(stderr, "kel: %s: digital silence has no loudness; left as it is\n", m.file.c_str());
-            ++failed;
-            continue;
+            Console::err("kel: %s: digital silence has no loudness; left as it is\n", m.file.c_str());
+            throw Exit{kExitFailure};
         }
-        try {
-            ToolClip clip = ToolClip::open(m.file);
-            const double peak_db = level.true_peak > 0.0 ? to_db(level.true_peak) : -INFINITY;
-            const double applied = apply_gain(clip, target - level.integrated_lufs, ceiling - peak_db);
-            const std::string out = output_for(o, m.file);
-            clip.save(out, settings);
-            std::printf("%s: %.2f LUFS, gain %+.2f dB, %.2f LUFS after (true peak %.2f dBTP); wrote %s\n",
-                        m.file.c_str(), m.values.integrated_lufs, applied, m.values.integrated_lufs + applied,
-                        to_db(m.values.true_peak) + applied, out.c_str());
-        } catch (const Exit& e) {
-            if (e.status == kExitCancelled)
-                throw;
-            ++failed;
-        }
-    }
-    if (failed > 0)
-        std::fprintf(stderr, "kel: %d of %zu files were not normalised\n", failed, files.size());
-    return failed > 0 ? kExitFailure : kExitOk;
+        ToolClip clip = ToolClip::open(m.file);
+        const double peak_db = level.true_peak > 0.0 ? to_db(level.true_peak) : -INFINITY;
+        const double applied = apply_gain(clip, target - level.integrated_lufs, ceiling - peak_db);
+        const std::string& out = outputs[i];
+        Batch::summary()["output"] = out;
+        clip.save(out, settings);
+        nlohmann::ordered_json& summary = Batch::summary();
+        summary["integrated_lufs"] = m.values.integrated_lufs;
+        summary["gain_db"] = applied;
+        summary["integrated_lufs_after"] = m.values.integrated_lufs + applied;
+        summary["true_peak_dbtp_after"] = to_db(m.values.true_peak) + applied;
+        Console::out("%s: %.2f LUFS, gain %+.2f dB, %.2f LUFS after (true peak %.2f dBTP); wrote %s\n",
+                     m.file.c_str(), m.values.integrated_lufs, applied, m.values.integrated_lufs + applied,
+                     to_db(m.values.true_peak) + applied, out.c_str());
+    });
+    return batch.finish(failed);
 }
 
 int run_loudness(const LoudnessSettings& o)
@@ -208,16 +207,15 @@ int run_loudness(const LoudnessSettings& o)
     const bool json = o.json;
     const bool album = o.album;
 
-    std::vector<Measured> files;
+    std::vector<Measured> files = measure_all(o);
     int status = kExitOk;
     int failed = 0;
-    for (const std::string& path : o.files) {
-        files.push_back(measure(path));
-        if (files.back().error != 0) {
+    for (const Measured& m : files) {
+        if (m.error != 0) {
             status = kExitFailure;
             ++failed;
             if (!json)
-                report_library(files.back().error, path);
+                report_library(m.error, m.file);
         }
     }
 
@@ -265,23 +263,23 @@ int run_loudness(const LoudnessSettings& o)
             }
             objects.push_back(std::move(out));
         } else if (m.error == 0) {
-            std::printf("%s\n", m.file.c_str());
-            std::printf("  integrated   %s\n", db_or_inf(v.integrated_lufs, false, "LUFS").c_str());
-            std::printf("  range        %.2f LU\n", v.range_lu);
-            std::printf("  sample peak  %s\n", db_or_inf(v.sample_peak, true, "dBFS").c_str());
-            std::printf("  true peak    %s\n", db_or_inf(v.true_peak, true, "dBTP").c_str());
-            std::printf("  track gain   %s\n", db_or_inf(gain_to_reference(v.integrated_lufs), false, "dB").c_str());
+            Console::out("%s\n", m.file.c_str());
+            Console::out("  integrated   %s\n", db_or_inf(v.integrated_lufs, false, "LUFS").c_str());
+            Console::out("  range        %.2f LU\n", v.range_lu);
+            Console::out("  sample peak  %s\n", db_or_inf(v.sample_peak, true, "dBFS").c_str());
+            Console::out("  true peak    %s\n", db_or_inf(v.true_peak, true, "dBTP").c_str());
+            Console::out("  track gain   %s\n", db_or_inf(gain_to_reference(v.integrated_lufs), false, "dB").c_str());
         }
     }
     if (json)
         print_json_array(objects);
     else if (album)
-        std::printf("album\n  integrated   %s\n  range        %.2f LU\n  true peak    %s\n  album gain   %s\n",
+        Console::out("album\n  integrated   %s\n  range        %.2f LU\n  true peak    %s\n  album gain   %s\n",
                     db_or_inf(whole.integrated_lufs, false, "LUFS").c_str(), whole.range_lu,
                     db_or_inf(whole.true_peak, true, "dBTP").c_str(),
                     db_or_inf(gain_to_reference(whole.integrated_lufs), false, "dB").c_str());
     if (failed > 0 && !json)
-        std::fprintf(stderr, "kel: %d of %zu files could not be measured\n", failed, files.size());
+        Console::err("kel: %d of %zu files could not be measured\n", failed, files.size());
     return status;
 }
 
@@ -293,6 +291,7 @@ void add_loudness(CommandLine& kel)
     CLI::App& c = kel.add("loudness", "EBU R128 loudness, range, true peak and ReplayGain 2.0 gain", kLoudnessHelp,
                           [s] { return run_loudness(*s); });
     c.add_option("FILE", s->files, "the files to measure")->required();
+    CommandLine::add_jobs(c, s->jobs);
     c.add_flag("--album", s->album, "also the values of all the files as one programme, and the\nalbum gain");
     c.add_flag("--tag", s->tag,
                "write the ReplayGain values (track, and album with --album)\n"
@@ -323,6 +322,13 @@ void add_normalize(CommandLine& kel)
                "replace each file (written beside it, then renamed\n"
                "over it, so a failure leaves the original)");
     c.add_flag("--no-tags", s->no_tags, "write no tags");
+    CommandLine::add_jobs(c, s->jobs);
+    c.add_flag("--json", s->json,
+               "print one JSON array, one object per input with the keys\n"
+               "file, output, integrated_lufs, gain_db, integrated_lufs_after,\n"
+               "true_peak_dbtp_after and the written file's format, channels,\n"
+               "sample_rate, bits_per_sample and duration; a file that failed\n"
+               "has file and error {code, message} instead");
 }
 
 } // namespace KEL::cli

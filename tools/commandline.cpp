@@ -127,6 +127,13 @@ void CommandLine::add_range(CLI::App& command, RangeSettings& range)
     command.add_flag("--packets", range.packets, "read --start and --end as packet indices, --end included");
 }
 
+void CommandLine::add_jobs(CLI::App& command, int& jobs)
+{
+    command.add_option("-j,--jobs", jobs, "files at once, each on its own thread (default: the cores)")
+        ->check(CLI::Range(1, 1024))
+        ->type_name("N");
+}
+
 void CommandLine::print_usage(FILE* out) const
 {
     std::fputs(kIntro, out);

@@ -41,6 +41,9 @@ public:
     // command's name for messages.
     static void add_range(CLI::App& command, RangeSettings& range);
 
+    // -j/--jobs N: files at once (0, the default, for the cores).
+    static void add_jobs(CLI::App& command, int& jobs);
+
 private:
     void print_usage(FILE* out) const;
     int fail_parse(const CLI::App* command, const std::string& message) const;

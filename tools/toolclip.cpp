@@ -1,6 +1,7 @@
 #include "toolclip.h"
 
 #include "cli_common.h"
+#include "console.h"
 #include "partialfile.h"
 #include "progressbar.h"
 
@@ -107,10 +108,10 @@ void copy_tags(const std::string& source, const std::string& written, const std:
     if (err == 0)
         return;
     if (format == KEL_FORMAT_CAF)
-        std::fprintf(stderr, "kel: warning: %s: CAF files take no tags; those of %s were left out (%s)\n",
+        Console::err("kel: warning: %s: CAF files take no tags; those of %s were left out (%s)\n",
                      target.c_str(), source.c_str(), code_text(err).c_str());
     else
-        std::fprintf(stderr,
+        Console::err(
                      "kel: warning: %s: the tags of %s could not be read or written and were left out; the audio "
                      "is saved whole (%s)\n",
                      target.c_str(), source.c_str(), code_text(err).c_str());
@@ -359,7 +360,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         fail(path + ": --codec chooses the codec of an .m4a file only");
     }
     if (is_lossless(source.format) && !is_lossless(format))
-        std::printf("note: %s holds lossless audio; %s is written as %s, which is lossy\n", name_.c_str(),
+        Console::out("note: %s holds lossless audio; %s is written as %s, which is lossy\n", name_.c_str(),
                     path.c_str(), format_name(format));
     const Target t = choose_target(format, source, settings);
     ToolClip converted(nullptr, path);
@@ -375,7 +376,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         const int last = kel_clip_packet_frame_count(clip_, packet_count() - 1, &err);
         reencode_tail = err == 0 && last < kel_clip_packet_frame_count(clip_, 0, &err);
         if (reencode_tail)
-            std::printf("note: the short last packet changed; the audio is encoded again as whole packets, "
+            Console::out("note: the short last packet changed; the audio is encoded again as whole packets, "
                         "so %d frames of silence end the file\n",
                         kel_clip_packet_frame_count(clip_, 0, &err) - last);
     }
@@ -416,7 +417,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
             if (err != 0)
                 fail_library(err, path);
             if (reencode_tail)
-                std::printf("(the frames that complete it are trimmed by the file's edit list)\n");
+                Console::out("(the frames that complete it are trimmed by the file's edit list)\n");
         }
     }
 
@@ -447,7 +448,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
     }
     partial.commit();
     if (single_mp3_frame) {
-        std::fprintf(stderr,
+        Console::err(
                      "kel: warning: %s holds a single MP3 frame (%.3f s); neither kel nor ffmpeg opens such a "
                      "file again (the file is kept)\n",
                      path.c_str(), duration_of(to_save));
