@@ -115,7 +115,7 @@ size_t Batch::run(const std::vector<std::string>& files, const std::function<voi
     std::condition_variable changed;
     size_t next = 0;
     size_t running = 0;
-    ProgressBar bar("files");
+    ProgressBar bar("batch");
     ProgressBar::set_drawing(false);
     auto worker = [&] {
         for (;;) {
@@ -130,6 +130,8 @@ size_t Batch::run(const std::vector<std::string>& files, const std::function<voi
             std::lock_guard<std::mutex> lock(mutex);
             slots_[index].done = true;
             changed.notify_all();
+            // A test's Ctrl-C right after a file, before the next starts.
+            ProgressBar::interrupt_point("files");
         }
         std::lock_guard<std::mutex> lock(mutex);
         --running;

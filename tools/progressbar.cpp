@@ -70,6 +70,13 @@ void ProgressBar::install_interrupt_handler()
     sigaction(SIGINT, &action, nullptr);
 }
 
+void ProgressBar::interrupt_point(const char* moment)
+{
+    static std::atomic<bool> done{false};
+    if (hook_wanted(moment) && !done.exchange(true))
+        std::raise(SIGINT);
+}
+
 void ProgressBar::set_drawing(bool draw)
 {
     g_drawing = draw;

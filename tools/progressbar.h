@@ -32,6 +32,10 @@ public:
     // through show(), on the thread that prints).
     static void set_drawing(bool draw);
 
+    // Test hook: raises SIGINT once when KEL_CLI_INTERRUPT names this
+    // moment (as the bars do for theirs).
+    static void interrupt_point(const char* moment);
+
     // Installs the SIGINT handler that sets the interrupt flag.
     static void install_interrupt_handler();
     // True once Ctrl-C was pressed.
