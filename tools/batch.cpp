@@ -4,6 +4,7 @@
 #include "progressbar.h"
 
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -82,6 +83,10 @@ void Batch::work(size_t index, const std::function<void(size_t)>& job)
         (e.status == kExitCancelled ? slot.cancelled : slot.failed) = true;
     } catch (const std::bad_alloc&) {
         Console::err("kel: %s: out of memory\n", files_[index].c_str());
+        slot.failed = true;
+    } catch (const std::exception& e) {
+        // Nothing else should reach here; it still ends only this file.
+        Console::err("kel: %s: %s\n", files_[index].c_str(), e.what());
         slot.failed = true;
     }
     if (ProgressBar::interrupted() && slot.failed)

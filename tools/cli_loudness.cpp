@@ -28,7 +28,8 @@ const char* const kLoudnessHelp =
     "ReplayGain 2.0 track gain: the change that brings the file to -18 LUFS.\n"
     "Digital silence has no loudness (-inf, null in JSON). A file that cannot\n"
     "be read is reported and the others are still measured; the status is\n"
-    "then 1.\n";
+    "then 1. Files are measured -j at a time; the album values come from all\n"
+    "of them afterwards.\n";
 
 const char* const kNormalizeHelp =
     "usage: kel normalize FILE... [--target LUFS] [--album] [--max-true-peak DBTP]\n"
@@ -40,7 +41,8 @@ const char* const kNormalizeHelp =
     "packets again. Prints per file the loudness before, the gain applied and\n"
     "the loudness after. Tags are carried, except loudness values measured on\n"
     "the old audio (ReplayGain, R128). A file that fails is reported and the\n"
-    "others go on; the status is then 1.\n";
+    "others go on; the status is then 1. Files are measured, then written, -j\n"
+    "at a time; each file's report prints as one block, in input order.\n";
 
 // What the options of loudness and normalize fill in.
 struct LoudnessSettings {
@@ -156,6 +158,10 @@ int run_normalize(const LoudnessSettings& o)
         outputs.push_back(o.out_dir.empty() ? (o.in_place ? file : o.output) : output_in(o.out_dir, file, ""));
     if (!o.out_dir.empty())
         prepare_outputs("normalize", o.out_dir, o.files, outputs);
+    for (size_t i = 0; o.in_place && i < o.files.size(); ++i)
+        for (size_t j = 0; j < i; ++j)
+            if (o.files[i] == o.files[j])
+                fail_usage("normalize", o.files[i] + " is given twice; --in-place writes each file once");
     const double target = o.target;
     const double ceiling = o.max_true_peak;
     SaveSettings settings;
