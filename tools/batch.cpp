@@ -142,9 +142,11 @@ size_t Batch::run(const std::vector<std::string>& files, const std::function<voi
         --running;
         changed.notify_all();
     };
+    // `running` is the workers' to count down once the first one starts.
+    const size_t count = std::min<size_t>(jobs_, files.size());
+    running = count;
     std::vector<std::thread> threads;
-    running = std::min<size_t>(jobs_, files.size());
-    for (size_t t = 0; t < running; ++t)
+    for (size_t t = 0; t < count; ++t)
         threads.emplace_back(worker);
 
     // Reports are printed here only, in input order, each as one block;
