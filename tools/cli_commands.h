@@ -1,53 +1,28 @@
-// The kel subcommands. Each takes the words after its name, prints its
-// results on stdout, and returns the exit status (or throws Exit after
-// printing why it stopped). Each has a help text shown by "kel CMD --help".
+// The kel subcommands. Each command's file has one registration function
+// add_X that declares the subcommand (summary, help prose, options bound to
+// the command's settings) and hands it run_X, which prints the command's
+// results on stdout and returns the exit status (or throws Exit after
+// printing why it stopped).
 #ifndef KEL_TOOLS_CLI_COMMANDS_H
 #define KEL_TOOLS_CLI_COMMANDS_H
 
-#include <string>
-#include <vector>
-
 namespace KEL::cli {
 
-using Args = std::vector<std::string>;
+class CommandLine;
 
-struct Command {
-    const char* name;
-    const char* summary; // one line for "kel --help"
-    const char* help;    // the full text for "kel CMD --help"
-    int (*run)(const Args& args);
-};
-
-int run_info(const Args& args);
-int run_cut(const Args& args);
-int run_copy(const Args& args);
-int run_splice(const Args& args);
-int run_gain(const Args& args);
-int run_fade(const Args& args);
-int run_convert(const Args& args);
-int run_peak(const Args& args);
-int run_loudness(const Args& args);
-int run_normalize(const Args& args);
-int run_overview(const Args& args);
-int run_demo(const Args& args);
-int run_explain(const Args& args);
-
-extern const char* const kInfoHelp;
-extern const char* const kCutHelp;
-extern const char* const kCopyHelp;
-extern const char* const kSpliceHelp;
-extern const char* const kGainHelp;
-extern const char* const kFadeHelp;
-extern const char* const kConvertHelp;
-extern const char* const kPeakHelp;
-extern const char* const kLoudnessHelp;
-extern const char* const kNormalizeHelp;
-extern const char* const kOverviewHelp;
-extern const char* const kDemoHelp;
-extern const char* const kExplainHelp;
-
-// Prints the help text on stdout and returns kExitOk.
-int show_help(const char* help);
+void add_info(CommandLine& kel);
+void add_cut(CommandLine& kel);
+void add_copy(CommandLine& kel);
+void add_splice(CommandLine& kel);
+void add_gain(CommandLine& kel);
+void add_fade(CommandLine& kel);
+void add_convert(CommandLine& kel);
+void add_peak(CommandLine& kel);
+void add_loudness(CommandLine& kel);
+void add_normalize(CommandLine& kel);
+void add_overview(CommandLine& kel);
+void add_demo(CommandLine& kel);
+void add_explain(CommandLine& kel);
 
 } // namespace KEL::cli
 

@@ -1,4 +1,5 @@
 #include "cli_common.h"
+#include "console.h"
 
 #include "progressbar.h"
 
@@ -7,7 +8,11 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cerrno>
+#include <cstring>
+#include <set>
 #include <strings.h>
+#include <sys/stat.h>
 
 namespace KEL::cli {
 
@@ -32,10 +37,12 @@ static constexpr std::array<Extension, 8> kExtensions{{
 
 void print_error_object(const char* kind, int code, const std::string& file)
 {
+    if (Report* report = Console::report(); report != nullptr && *kind == '\0')
+        report->code = code;
     kel_error_t* error = kel_error_create(code, file.empty() ? nullptr : file.c_str());
     const std::string where = file.empty() ? "" : file + ": ";
     if (error == nullptr) {
-        std::fprintf(stderr, "kel: %s%s%s (%s)\n", kind, where.c_str(), "out of memory", code_text(code).c_str());
+        Console::err("kel: %s%s%s (%s)\n", kind, where.c_str(), "out of memory", code_text(code).c_str());
         return;
     }
     // The texts may run over several lines; each is indented under the
@@ -46,7 +53,7 @@ void print_error_object(const char* kind, int code, const std::string& file)
         if (*c == '\n' && c[1] != '\n' && c[1] != '\0')
             recovery += "  ";
     }
-    std::fprintf(stderr, "kel: %s%s%s\n  %s (%s)\n", kind, where.c_str(), kel_error_description(error),
+    Console::err("kel: %s%s%s\n  %s (%s)\n", kind, where.c_str(), kel_error_description(error),
                  recovery.c_str(), code_text(code).c_str());
     kel_error_free(error);
 }
@@ -77,19 +84,19 @@ void warn_library(int code, const std::string& file)
 
 void fail(const std::string& message)
 {
-    std::fprintf(stderr, "kel: %s\n", message.c_str());
+    Console::err("kel: %s\n", message.c_str());
     throw Exit{kExitFailure};
 }
 
 void fail_usage(const std::string& command, const std::string& message)
 {
-    std::fprintf(stderr, "kel %s: %s\nTry 'kel %s --help'.\n", command.c_str(), message.c_str(), command.c_str());
+    Console::err("kel %s: %s\nTry 'kel %s --help'.\n", command.c_str(), message.c_str(), command.c_str());
     throw Exit{kExitUsage};
 }
 
 void fail_cancelled()
 {
-    std::fprintf(stderr, "kel: cancelled\n");
+    Console::err("kel: cancelled\n");
     throw Exit{kExitCancelled};
 }
 
@@ -204,38 +211,42 @@ std::string db_text(double linear, const char* unit)
     return strprintf("%.2f %s", to_db(linear), unit);
 }
 
-std::string json_string(const std::string& text)
+std::string output_in(const std::string& dir, const std::string& input, const std::string& extension)
 {
-    std::string out = "\"";
-    for (const char ch : text) {
-        const auto c = static_cast<unsigned char>(ch);
-        switch (c) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            if (c < 0x20)
-                out += strprintf("\\u%04x", c);
-            else
-                out += ch; // UTF-8 passes through
-        }
+    const size_t slash = input.find_last_of('/');
+    std::string name = slash == std::string::npos ? input : input.substr(slash + 1);
+    if (!extension.empty()) {
+        const size_t dot = name.find_last_of('.');
+        name = (dot == std::string::npos || dot == 0 ? name : name.substr(0, dot)) + "." + extension;
     }
-    return out + "\"";
+    return dir + "/" + name;
 }
 
-// Non-finite floats have no JSON spelling.
-std::string json_number(double value)
+void prepare_outputs(const std::string& command, const std::string& dir, const std::vector<std::string>& inputs,
+                     const std::vector<std::string>& outputs)
 {
-    return std::isfinite(value) ? strprintf("%.9g", value) : "null";
+    if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST)
+        fail(dir + ": cannot create the directory: " + std::strerror(errno));
+    std::set<std::string> seen;
+    for (size_t i = 0; i < outputs.size(); ++i) {
+        if (!seen.insert(outputs[i]).second)
+            fail_usage(command, "two inputs would both be written to " + outputs[i]);
+        struct stat in, out;
+        if (stat(inputs[i].c_str(), &in) == 0 && stat(outputs[i].c_str(), &out) == 0 && in.st_dev == out.st_dev &&
+            in.st_ino == out.st_ino)
+            fail_usage(command, outputs[i] + " is its own input; choose another --out-dir");
+    }
+}
+
+void print_json_array(const std::vector<nlohmann::ordered_json>& objects)
+{
+    std::string out = "[\n";
+    for (size_t n = 0; n < objects.size(); ++n) {
+        out += "  " + objects[n].dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+        out += n + 1 < objects.size() ? ",\n" : "\n";
+    }
+    out += "]\n";
+    std::fputs(out.c_str(), stdout);
 }
 
 } // namespace KEL::cli

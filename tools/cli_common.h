@@ -6,6 +6,9 @@
 #include "kel.h"
 
 #include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace KEL::cli {
 
@@ -49,10 +52,18 @@ const char* writable_extensions();
 const char* stereo_mode_name(int mode);
 const char* rate_mode_name(int mode);
 
-// A JSON string literal of text (UTF-8 passes through).
-std::string json_string(const std::string& text);
-// A JSON number; null for values JSON cannot spell (infinities, NaN).
-std::string json_number(double value);
+// Prints a JSON array on stdout, one object per line. Numbers JSON cannot
+// spell (infinities, NaN) print as null; bytes that are not UTF-8 (in a
+// file name) as U+FFFD.
+void print_json_array(const std::vector<nlohmann::ordered_json>& objects);
+
+// Where --out-dir puts the output of `input`: DIR/NAME, with the extension
+// replaced by `extension` when one is given.
+std::string output_in(const std::string& dir, const std::string& input, const std::string& extension);
+// Before a batch writes into dir: makes dir when missing, and refuses (bad
+// usage) two inputs with one output name and an output that is its input.
+void prepare_outputs(const std::string& command, const std::string& dir, const std::vector<std::string>& inputs,
+                     const std::vector<std::string>& outputs);
 
 // printf into a std::string.
 std::string strprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));

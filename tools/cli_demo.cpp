@@ -4,7 +4,7 @@
 #include "cli_commands.h"
 #include "cli_common.h"
 #include "clipoverview.h"
-#include "options.h"
+#include "commandline.h"
 #include "progressbar.h"
 #include "toolclip.h"
 
@@ -14,9 +14,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <sys/stat.h>
 
 namespace KEL::cli {
+
+namespace {
 
 const char* const kDemoHelp =
     "usage: kel demo [DIR]\n"
@@ -28,8 +31,6 @@ const char* const kDemoHelp =
     "DIR/demo.wav, DIR/demo.aif and DIR/demo.caf, and opens each saved file\n"
     "again to check it. One line per step. DIR defaults to ./kel-demo and is\n"
     "created when missing.\n";
-
-namespace {
 
 constexpr float kRate = 44100.0f;
 constexpr int kSeconds = 10;
@@ -82,16 +83,8 @@ bool check_saved(const std::string& path, int format, double seconds, double pac
     return ok;
 }
 
-} // namespace
-
-int run_demo(const Args& args)
+int run_demo(const std::string& dir)
 {
-    const Options o("demo", args, {});
-    if (o.help())
-        return show_help(kDemoHelp);
-    if (o.positional().size() > 1)
-        fail_usage("demo", "give at most one directory");
-    const std::string dir = o.positional().empty() ? "kel-demo" : o.positional()[0];
     make_directory(dir);
 
     // 1. A clip from float buffers.
@@ -190,6 +183,16 @@ int run_demo(const Args& args)
     }
     std::printf("demo finished; files in %s\n", dir.c_str());
     return kExitOk;
+}
+
+} // namespace
+
+void add_demo(CommandLine& kel)
+{
+    auto dir = std::make_shared<std::string>("kel-demo");
+    CLI::App& c = kel.add("demo", "the built-in demonstration (the default)", kDemoHelp,
+                          [dir] { return run_demo(*dir); });
+    c.add_option("DIR", *dir, "where the demo writes its files (default ./kel-demo)");
 }
 
 } // namespace KEL::cli

@@ -2,8 +2,10 @@
 // EBU R128 measures them, with the ReplayGain 2.0 gain, one file or a whole
 // album at a time.
 #include "cli_commands.h"
+#include "batch.h"
 #include "cli_common.h"
-#include "options.h"
+#include "console.h"
+#include "commandline.h"
 #include "progressbar.h"
 #include "toolclip.h"
 
@@ -12,10 +14,14 @@
 #include <memory>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace KEL::cli {
 
+namespace {
+
 const char* const kLoudnessHelp =
-    "usage: kel loudness FILE... [--album] [--json] [--tag]\n"
+    "usage: kel loudness FILE... [--album] [--json] [--tag] [-j N]\n"
     "\n"
     "Measures each file as ITU-R BS.1770-4 and EBU R128 do: integrated\n"
     "loudness (LUFS), loudness range (LU), sample peak (dBFS) and true peak\n"
@@ -23,21 +29,12 @@ const char* const kLoudnessHelp =
     "ReplayGain 2.0 track gain: the change that brings the file to -18 LUFS.\n"
     "Digital silence has no loudness (-inf, null in JSON). A file that cannot\n"
     "be read is reported and the others are still measured; the status is\n"
-    "then 1.\n"
-    "\n"
-    "  --album   also the values of all the files as one programme, and the\n"
-    "            album gain\n"
-    "  --tag     write the ReplayGain values (track, and album with --album)\n"
-    "            into each file's tags, the audio untouched\n"
-    "  --json    one JSON array, one object per file with the keys file,\n"
-    "            integrated_lufs, range_lu, sample_peak_dbfs, true_peak_dbtp,\n"
-    "            track_gain_db, and with --album album_integrated_lufs and\n"
-    "            album_gain_db (the same in every object); a file that failed\n"
-    "            has file and error instead\n";
+    "then 1. Files are measured -j at a time; the album values come from all\n"
+    "of them afterwards.\n";
 
 const char* const kNormalizeHelp =
     "usage: kel normalize FILE... [--target LUFS] [--album] [--max-true-peak DBTP]\n"
-    "                     (-o OUT | --out-dir DIR | --in-place) [--no-tags]\n"
+    "                     (-o OUT | --out-dir DIR | --in-place) [--no-tags] [-j N] [--json]\n"
     "\n"
     "Brings each file to a loudness: MP3 and AAC without re-encoding, in whole\n"
     "steps of 1.5 dB (the step nearest the target that keeps the true peak\n"
@@ -45,19 +42,23 @@ const char* const kNormalizeHelp =
     "packets again. Prints per file the loudness before, the gain applied and\n"
     "the loudness after. Tags are carried, except loudness values measured on\n"
     "the old audio (ReplayGain, R128). A file that fails is reported and the\n"
-    "others go on; the status is then 1.\n"
-    "\n"
-    "  --target LUFS         the integrated loudness wanted (default -18)\n"
-    "  --album               one gain for all the files: the album's loudness\n"
-    "                        to the target, their relative levels kept\n"
-    "  --max-true-peak DBTP  ceiling for the true peak after the gain (default -1)\n"
-    "  -o, --output OUT      the file to write (one input only)\n"
-    "  --out-dir DIR         write each result into DIR under its own name\n"
-    "  --in-place            replace each file (written beside it, then renamed\n"
-    "                        over it, so a failure leaves the original)\n"
-    "  --no-tags             write no tags\n";
+    "others go on; the status is then 1. Files are measured, then written, -j\n"
+    "at a time; each file's report prints as one block, in input order.\n";
 
-namespace {
+// What the options of loudness and normalize fill in.
+struct LoudnessSettings {
+    std::vector<std::string> files;
+    bool album = false;
+    bool json = false;
+    bool tag = false;
+    double target = -18.0;
+    double max_true_peak = -1.0;
+    std::string output;
+    std::string out_dir;
+    bool in_place = false;
+    bool no_tags = false;
+    int jobs = 0; // files at once, 0 for the cores
+};
 
 // ReplayGain 2.0 plays everything at -18 LUFS.
 constexpr double kReferenceLufs = -18.0;
@@ -106,18 +107,6 @@ std::string db_or_inf(double linear_or_db, bool linear, const char* unit)
     return std::isfinite(db) ? strprintf("%.2f %s", db, unit) : strprintf("-inf %s", unit);
 }
 
-// Where a normalised file goes.
-std::string output_for(const Options& o, const std::string& input)
-{
-    if (o.has("in-place"))
-        return input;
-    if (o.has("out-dir")) {
-        const size_t slash = input.find_last_of('/');
-        return o.text("out-dir") + "/" + (slash == std::string::npos ? input : input.substr(slash + 1));
-    }
-    return o.text("output");
-}
-
 // Brings the clip from `level` to target_lufs under the true-peak ceiling,
 // as the library proposes for its format. Returns the change applied, in
 // decibels.
@@ -136,32 +125,38 @@ double apply_gain(ToolClip& clip, const kel_loudness_t& level, double target_luf
     return applied;
 }
 
-} // namespace
-
-int run_normalize(const Args& args)
+// Measures every file, -j at a time.
+std::vector<Measured> measure_all(const LoudnessSettings& o)
 {
-    const Options o("normalize", args,
-                    {{"target", true}, {"album", false}, {"max-true-peak", true}, {"output", true},
-                     {"out-dir", true}, {"in-place", false}, {"no-tags", false}});
-    if (o.help())
-        return show_help(kNormalizeHelp);
-    if (o.positional().empty())
-        fail_usage("normalize", "no file given");
-    const int destinations = (o.has("output") ? 1 : 0) + (o.has("out-dir") ? 1 : 0) + (o.has("in-place") ? 1 : 0);
+    std::vector<Measured> files(o.files.size());
+    Batch(o.jobs, false).run(o.files, [&](size_t i) { files[i] = measure(o.files[i]); });
+    return files;
+}
+
+int run_normalize(const LoudnessSettings& o)
+{
+    const int destinations = (o.output.empty() ? 0 : 1) + (o.out_dir.empty() ? 0 : 1) + (o.in_place ? 1 : 0);
     if (destinations != 1)
         fail_usage("normalize", "give one of -o, --out-dir and --in-place");
-    if (o.has("output") && o.positional().size() != 1)
+    if (!o.output.empty() && o.files.size() != 1)
         fail_usage("normalize", "-o takes one input; use --out-dir or --in-place for several");
-    const double target = o.number("target", kReferenceLufs);
-    const double ceiling = o.number("max-true-peak", -1.0);
+    std::vector<std::string> outputs;
+    for (const std::string& file : o.files)
+        outputs.push_back(o.out_dir.empty() ? (o.in_place ? file : o.output) : output_in(o.out_dir, file, ""));
+    if (!o.out_dir.empty())
+        prepare_outputs("normalize", o.out_dir, o.files, outputs);
+    for (size_t i = 0; o.in_place && i < o.files.size(); ++i)
+        for (size_t j = 0; j < i; ++j)
+            if (o.files[i] == o.files[j])
+                fail_usage("normalize", o.files[i] + " is given twice; --in-place writes each file once");
+    const double target = o.target;
+    const double ceiling = o.max_true_peak;
     SaveSettings settings;
-    settings.tags = !o.has("no-tags");
+    settings.tags = !o.no_tags;
 
-    std::vector<Measured> files;
-    for (const std::string& path : o.positional())
-        files.push_back(measure(path));
+    const std::vector<Measured> files = measure_all(o);
     kel_loudness_t whole{-INFINITY, 0.0, 0.0, 0.0};
-    if (o.has("album")) {
+    if (o.album) {
         std::vector<const kel_loudness_meter_t*> meters;
         for (const Measured& m : files)
             if (m.meter != nullptr)
@@ -170,58 +165,49 @@ int run_normalize(const Args& args)
             kel_loudness_album(meters.data(), static_cast<int>(meters.size()), &whole);
     }
 
+    Batch batch(o.jobs, o.json);
+    const size_t failed = batch.run(o.files, [&](size_t i) {
+        const Measured& m = files[i];
+        if (m.error != 0) {
+            report_library(m.error, m.file);
+            throw Exit{kExitFailure};
+        }
+        const kel_loudness_t& level = o.album ? whole : m.values;
+        if (!std::isfinite(level.integrated_lufs)) {
+            Console::err("kel: %s: digital silence has no loudness; left as it is\n", m.file.c_str());
+            throw Exit{kExitFailure};
+        }
+        ToolClip clip = ToolClip::open(m.file);
+        const double applied = apply_gain(clip, level, target, ceiling);
+        const std::string& out = outputs[i];
+        Batch::summary()["output"] = out;
+        clip.save(out, settings);
+        nlohmann::ordered_json& summary = Batch::summary();
+        summary["integrated_lufs"] = m.values.integrated_lufs;
+        summary["gain_db"] = applied;
+        summary["integrated_lufs_after"] = m.values.integrated_lufs + applied;
+        summary["true_peak_dbtp_after"] = to_db(m.values.true_peak) + applied;
+        Console::out("%s: %.2f LUFS, gain %+.2f dB, %.2f LUFS after (true peak %.2f dBTP); wrote %s\n",
+                     m.file.c_str(), m.values.integrated_lufs, applied, m.values.integrated_lufs + applied,
+                     to_db(m.values.true_peak) + applied, out.c_str());
+    });
+    return batch.finish(failed);
+}
+
+int run_loudness(const LoudnessSettings& o)
+{
+    const bool json = o.json;
+    const bool album = o.album;
+
+    std::vector<Measured> files = measure_all(o);
+    int status = kExitOk;
     int failed = 0;
     for (const Measured& m : files) {
         if (m.error != 0) {
-            report_library(m.error, m.file);
-            ++failed;
-            continue;
-        }
-        const kel_loudness_t& level = o.has("album") ? whole : m.values;
-        if (!std::isfinite(level.integrated_lufs)) {
-            std::fprintf(stderr, "kel: %s: digital silence has no loudness; left as it is\n", m.file.c_str());
-            ++failed;
-            continue;
-        }
-        try {
-            ToolClip clip = ToolClip::open(m.file);
-            const double applied = apply_gain(clip, level, target, ceiling);
-            const std::string out = output_for(o, m.file);
-            clip.save(out, settings);
-            std::printf("%s: %.2f LUFS, gain %+.2f dB, %.2f LUFS after (true peak %.2f dBTP); wrote %s\n",
-                        m.file.c_str(), m.values.integrated_lufs, applied, m.values.integrated_lufs + applied,
-                        to_db(m.values.true_peak) + applied, out.c_str());
-        } catch (const Exit& e) {
-            if (e.status == kExitCancelled)
-                throw;
-            ++failed;
-        }
-    }
-    if (failed > 0)
-        std::fprintf(stderr, "kel: %d of %zu files were not normalised\n", failed, files.size());
-    return failed > 0 ? kExitFailure : kExitOk;
-}
-
-int run_loudness(const Args& args)
-{
-    const Options o("loudness", args, {{"album", false}, {"json", false}, {"tag", false}});
-    if (o.help())
-        return show_help(kLoudnessHelp);
-    if (o.positional().empty())
-        fail_usage("loudness", "no file given");
-    const bool json = o.has("json");
-    const bool album = o.has("album");
-
-    std::vector<Measured> files;
-    int status = kExitOk;
-    int failed = 0;
-    for (const std::string& path : o.positional()) {
-        files.push_back(measure(path));
-        if (files.back().error != 0) {
             status = kExitFailure;
             ++failed;
             if (!json)
-                report_library(files.back().error, path);
+                report_library(m.error, m.file);
         }
     }
 
@@ -235,7 +221,7 @@ int run_loudness(const Args& args)
             kel_loudness_album(meters.data(), static_cast<int>(meters.size()), &whole);
     }
 
-    if (o.has("tag")) {
+    if (o.tag) {
         for (Measured& m : files) {
             if (m.error != 0 || !std::isfinite(m.values.integrated_lufs))
                 continue;
@@ -248,47 +234,93 @@ int run_loudness(const Args& args)
             }
         }
     }
-    if (json)
-        std::printf("[\n");
-    for (size_t n = 0; n < files.size(); ++n) {
-        const Measured& m = files[n];
+    std::vector<nlohmann::ordered_json> objects;
+    for (const Measured& m : files) {
         const kel_loudness_t& v = m.values;
         if (json) {
-            std::string out = "  {\"file\": " + json_string(m.file);
+            nlohmann::ordered_json out;
+            out["file"] = m.file;
             if (m.error != 0) {
-                out += ", \"error\": {\"code\": " + json_string(code_text(m.error)) + "}}";
+                out["error"] = {{"code", code_text(m.error)}};
             } else {
-                out += ", \"integrated_lufs\": " + json_number(v.integrated_lufs);
-                out += ", \"range_lu\": " + json_number(v.range_lu);
-                out += ", \"sample_peak_dbfs\": " + json_number(to_db(v.sample_peak));
-                out += ", \"true_peak_dbtp\": " + json_number(to_db(v.true_peak));
-                out += ", \"track_gain_db\": " + json_number(gain_to_reference(v.integrated_lufs));
+                out["integrated_lufs"] = v.integrated_lufs;
+                out["range_lu"] = v.range_lu;
+                out["sample_peak_dbfs"] = to_db(v.sample_peak);
+                out["true_peak_dbtp"] = to_db(v.true_peak);
+                out["track_gain_db"] = gain_to_reference(v.integrated_lufs);
                 if (album) {
-                    out += ", \"album_integrated_lufs\": " + json_number(whole.integrated_lufs);
-                    out += ", \"album_gain_db\": " + json_number(gain_to_reference(whole.integrated_lufs));
+                    out["album_integrated_lufs"] = whole.integrated_lufs;
+                    out["album_gain_db"] = gain_to_reference(whole.integrated_lufs);
                 }
-                out += "}";
             }
-            std::printf("%s%s\n", out.c_str(), n + 1 < files.size() ? "," : "");
+            objects.push_back(std::move(out));
         } else if (m.error == 0) {
-            std::printf("%s\n", m.file.c_str());
-            std::printf("  integrated   %s\n", db_or_inf(v.integrated_lufs, false, "LUFS").c_str());
-            std::printf("  range        %.2f LU\n", v.range_lu);
-            std::printf("  sample peak  %s\n", db_or_inf(v.sample_peak, true, "dBFS").c_str());
-            std::printf("  true peak    %s\n", db_or_inf(v.true_peak, true, "dBTP").c_str());
-            std::printf("  track gain   %s\n", db_or_inf(gain_to_reference(v.integrated_lufs), false, "dB").c_str());
+            Console::out("%s\n", m.file.c_str());
+            Console::out("  integrated   %s\n", db_or_inf(v.integrated_lufs, false, "LUFS").c_str());
+            Console::out("  range        %.2f LU\n", v.range_lu);
+            Console::out("  sample peak  %s\n", db_or_inf(v.sample_peak, true, "dBFS").c_str());
+            Console::out("  true peak    %s\n", db_or_inf(v.true_peak, true, "dBTP").c_str());
+            Console::out("  track gain   %s\n", db_or_inf(gain_to_reference(v.integrated_lufs), false, "dB").c_str());
         }
     }
     if (json)
-        std::printf("]\n");
+        print_json_array(objects);
     else if (album)
-        std::printf("album\n  integrated   %s\n  range        %.2f LU\n  true peak    %s\n  album gain   %s\n",
+        Console::out("album\n  integrated   %s\n  range        %.2f LU\n  true peak    %s\n  album gain   %s\n",
                     db_or_inf(whole.integrated_lufs, false, "LUFS").c_str(), whole.range_lu,
                     db_or_inf(whole.true_peak, true, "dBTP").c_str(),
                     db_or_inf(gain_to_reference(whole.integrated_lufs), false, "dB").c_str());
     if (failed > 0 && !json)
-        std::fprintf(stderr, "kel: %d of %zu files could not be measured\n", failed, files.size());
+        Console::err("kel: %d of %zu files could not be measured\n", failed, files.size());
     return status;
+}
+
+} // namespace
+
+void add_loudness(CommandLine& kel)
+{
+    auto s = std::make_shared<LoudnessSettings>();
+    CLI::App& c = kel.add("loudness", "EBU R128 loudness, range, true peak and ReplayGain 2.0 gain", kLoudnessHelp,
+                          [s] { return run_loudness(*s); });
+    c.add_option("FILE", s->files, "the files to measure")->required();
+    CommandLine::add_jobs(c, s->jobs);
+    c.add_flag("--album", s->album, "also the values of all the files as one programme, and the\nalbum gain");
+    c.add_flag("--tag", s->tag,
+               "write the ReplayGain values (track, and album with --album)\n"
+               "into each file's tags, the audio untouched");
+    c.add_flag("--json", s->json,
+               "one JSON array, one object per file with the keys file,\n"
+               "integrated_lufs, range_lu, sample_peak_dbfs, true_peak_dbtp,\n"
+               "track_gain_db, and with --album album_integrated_lufs and\n"
+               "album_gain_db (the same in every object); a file that failed\n"
+               "has file and error instead");
+}
+
+void add_normalize(CommandLine& kel)
+{
+    auto s = std::make_shared<LoudnessSettings>();
+    CLI::App& c = kel.add("normalize", "bring files to a loudness, MP3 and AAC without re-encoding", kNormalizeHelp,
+                          [s] { return run_normalize(*s); });
+    c.add_option("FILE", s->files, "the files to bring to the loudness")->required();
+    CommandLine::add_number(c, "--target", s->target, "the integrated loudness wanted (default -18)", "LUFS");
+    c.add_flag("--album", s->album,
+               "one gain for all the files: the album's loudness\n"
+               "to the target, their relative levels kept");
+    CommandLine::add_number(c, "--max-true-peak", s->max_true_peak,
+                            "ceiling for the true peak after the gain (default -1)", "DBTP");
+    c.add_option("-o,--output", s->output, "the file to write (one input only)")->type_name("OUT");
+    c.add_option("--out-dir", s->out_dir, "write each result into DIR under its own name")->type_name("DIR");
+    c.add_flag("--in-place", s->in_place,
+               "replace each file (written beside it, then renamed\n"
+               "over it, so a failure leaves the original)");
+    c.add_flag("--no-tags", s->no_tags, "write no tags");
+    CommandLine::add_jobs(c, s->jobs);
+    c.add_flag("--json", s->json,
+               "print one JSON array, one object per input with the keys\n"
+               "file, output, integrated_lufs, gain_db, integrated_lufs_after,\n"
+               "true_peak_dbtp_after and the written file's format, channels,\n"
+               "sample_rate, bits_per_sample and duration; a file that failed\n"
+               "has file and error {code, message} instead");
 }
 
 } // namespace KEL::cli

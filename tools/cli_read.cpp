@@ -4,7 +4,7 @@
 #include "cli_commands.h"
 #include "cli_common.h"
 #include "clipoverview.h"
-#include "options.h"
+#include "commandline.h"
 #include "pngwriter.h"
 #include "progressbar.h"
 #include "toolclip.h"
@@ -14,8 +14,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+
+#include <nlohmann/json.hpp>
 
 namespace KEL::cli {
+
+namespace {
 
 const char* const kInfoHelp =
     "usage: kel info [--json] FILE...\n"
@@ -24,15 +29,7 @@ const char* const kInfoHelp =
     "duration, bit rate, rate mode (PCM, constant or variable bit rate), the\n"
     "number of packets and their length, and for MP3 the MPEG version and\n"
     "stereo mode. A file that cannot be read is reported and the others are\n"
-    "still described; the status is then 1.\n"
-    "\n"
-    "  --json   one JSON array on stdout, one object per file, with the keys\n"
-    "           file, format, format_code, channels, sample_rate,\n"
-    "           bits_per_sample, duration, bit_rate, rate_mode, packets,\n"
-    "           packet_frames (null when packets differ in length),\n"
-    "           mpeg_version and stereo_mode (null except for MP3);\n"
-    "           a file that failed has file and error {code, description,\n"
-    "           suggestion} instead\n";
+    "still described; the status is then 1.\n";
 
 const char* const kPeakHelp =
     "usage: kel peak FILE [--start T --end T]\n"
@@ -40,10 +37,7 @@ const char* const kPeakHelp =
     "Prints the largest sample magnitude and the RMS level, in dBFS (0 dBFS\n"
     "is full scale), read from the library's per-packet waveform caches. The\n"
     "RMS is that of the mono mix (left + right) / 2, each packet weighted by\n"
-    "its length. Gains and fades stored in the file's packets count.\n"
-    "\n"
-    "  --start T, --end T   a range in seconds (default: the whole file)\n"
-    "  --packets            read --start and --end as packet indices\n";
+    "its length. Gains and fades stored in the file's packets count.\n";
 
 const char* const kOverviewHelp =
     "usage: kel overview FILE -o wave.png [--width W --height H] [--start T --end T]\n"
@@ -51,17 +45,7 @@ const char* const kOverviewHelp =
     "\n"
     "Draws the waveform of a file or a range as a PNG picture: per column the\n"
     "extent from the smallest to the largest sample, the RMS level as a\n"
-    "lighter band inside it, and a time axis along the bottom.\n"
-    "\n"
-    "  -o, --output FILE    the PNG file to write\n"
-    "  --width W            columns (default 1200, at most 16384)\n"
-    "  --height H           rows (default 300, at most 16384; below 48 there\n"
-    "                       is no time axis)\n"
-    "  --start T, --end T   a range in seconds (default: the whole file)\n"
-    "  --packets            read --start and --end as packet indices\n"
-    "  --text               print the W (maximum, minimum) pairs instead, one\n"
-    "                       line per column: column, time in seconds of the\n"
-    "                       column's left edge, maximum, minimum\n";
+    "lighter band inside it, and a time axis along the bottom.\n";
 
 const char* const kExplainHelp =
     "usage: kel explain CODE [FILE]\n"
@@ -69,8 +53,6 @@ const char* const kExplainHelp =
     "Prints the description and recovery suggestion the library gives for an\n"
     "error code: four characters such as Efmu or Egga, or a number. FILE is\n"
     "quoted into the suggestion where the text has a place for it.\n";
-
-namespace {
 
 struct Described {
     std::string file;
@@ -133,30 +115,33 @@ void print_text(const Described& d)
     }
 }
 
-std::string to_json(const Described& d)
+nlohmann::ordered_json to_json(const Described& d)
 {
-    std::string out = "  {\"file\": " + json_string(d.file);
+    nlohmann::ordered_json out;
+    out["file"] = d.file;
     if (d.error != 0) {
         kel_error_t* e = kel_error_create(d.error, d.file.c_str());
-        out += ", \"error\": {\"code\": " + json_string(code_text(d.error)) +
-               ", \"description\": " + json_string(e ? kel_error_description(e) : "") +
-               ", \"suggestion\": " + json_string(e ? kel_error_recovery_suggestion(e) : "") + "}}";
+        out["error"] = {{"code", code_text(d.error)},
+                        {"description", e ? kel_error_description(e) : ""},
+                        {"suggestion", e ? kel_error_recovery_suggestion(e) : ""}};
         kel_error_free(e);
         return out;
     }
     const _kel_clip_info_t& i = d.info;
     const bool mp3 = i.format == KEL_FORMAT_MP3;
-    out += ", \"format\": " + json_string(format_name(i.format));
-    out += strprintf(", \"format_code\": %d, \"channels\": %d", i.format, i.channels);
-    out += ", \"sample_rate\": " + json_number(i.sample_rate);
-    out += strprintf(", \"bits_per_sample\": %d", i.bits_per_sample);
-    out += ", \"duration\": " + json_number(i.duration);
-    out += strprintf(", \"bit_rate\": %d, \"rate_mode\": ", i.bit_rate) + json_string(rate_mode_name(i.rate_mode));
-    out += strprintf(", \"packets\": %d, \"packet_frames\": ", d.packets);
-    out += d.packet_frames > 0 ? std::to_string(d.packet_frames) : "null";
-    out += ", \"mpeg_version\": " + (mp3 ? std::to_string(i.mpeg_version) : std::string("null"));
-    out += ", \"stereo_mode\": " + (mp3 ? json_string(stereo_mode_name(i.stereo_mode)) : std::string("null"));
-    return out + "}";
+    out["format"] = format_name(i.format);
+    out["format_code"] = i.format;
+    out["channels"] = i.channels;
+    out["sample_rate"] = i.sample_rate;
+    out["bits_per_sample"] = i.bits_per_sample;
+    out["duration"] = i.duration;
+    out["bit_rate"] = i.bit_rate;
+    out["rate_mode"] = rate_mode_name(i.rate_mode);
+    out["packets"] = d.packets;
+    out["packet_frames"] = d.packet_frames > 0 ? nlohmann::ordered_json(d.packet_frames) : nullptr;
+    out["mpeg_version"] = mp3 ? nlohmann::ordered_json(i.mpeg_version) : nullptr;
+    out["stereo_mode"] = mp3 ? nlohmann::ordered_json(stereo_mode_name(i.stereo_mode)) : nullptr;
+    return out;
 }
 
 // Codes without a message of their own, and what they mean.
@@ -184,59 +169,44 @@ int parse_code(const std::string& text)
     return static_cast<int>(value);
 }
 
-// The range options of peak and overview.
-constexpr Options::Known kStart{"start", true};
-constexpr Options::Known kEnd{"end", true};
-constexpr Options::Known kPacketsFlag{"packets", false};
+// What the options of the reading commands fill in.
+struct ReadSettings {
+    std::vector<std::string> files;
+    bool json = false;
+    RangeSettings range;
+    std::string output;
+    int width = 1200;
+    int height = 300;
+    bool text = false;
+};
 
-// A picture side from --width or --height.
-int side(const Options& o, const char* name, long fallback)
+int run_info(const ReadSettings& o)
 {
-    const long value = o.integer(name, fallback);
-    if (value < 1 || value > PngWriter::kMaxSide)
-        fail_usage(o.command(), strprintf("--%s must lie in 1..%d", name, PngWriter::kMaxSide));
-    return static_cast<int>(value);
-}
-
-} // namespace
-
-int run_info(const Args& args)
-{
-    const Options o("info", args, {{"json", false}});
-    if (o.help())
-        return show_help(kInfoHelp);
-    if (o.positional().empty())
-        fail_usage("info", "no file given");
-    const bool json = o.has("json");
     int status = kExitOk;
-    if (json)
-        std::printf("[\n");
-    for (size_t n = 0; n < o.positional().size(); ++n) {
-        const Described d = describe(o.positional()[n]);
+    std::vector<nlohmann::ordered_json> objects;
+    for (const std::string& file : o.files) {
+        const Described d = describe(file);
         if (d.error != 0) {
             status = kExitFailure;
-            if (!json)
+            if (!o.json)
                 report_library(d.error, d.file); // and carry on with the next file
         }
-        if (json)
-            std::printf("%s%s\n", to_json(d).c_str(), n + 1 < o.positional().size() ? "," : "");
+        if (o.json)
+            objects.push_back(to_json(d));
         else if (d.error == 0)
             print_text(d);
     }
-    if (json)
-        std::printf("]\n");
+    if (o.json)
+        print_json_array(objects);
     return status;
 }
 
-int run_explain(const Args& args)
+int run_explain(const ReadSettings& o)
 {
-    const Options o("explain", args, {});
-    if (o.help())
-        return show_help(kExplainHelp);
-    if (o.positional().empty() || o.positional().size() > 2)
+    if (o.files.size() > 2)
         fail_usage("explain", "give one code and at most one file name");
-    const int code = parse_code(o.positional()[0]);
-    kel_error_t* error = kel_error_create(code, o.positional().size() == 2 ? o.positional()[1].c_str() : nullptr);
+    const int code = parse_code(o.files[0]);
+    kel_error_t* error = kel_error_create(code, o.files.size() == 2 ? o.files[1].c_str() : nullptr);
     if (error == nullptr)
         fail("out of memory");
     std::string suggestion = kel_error_recovery_suggestion(error);
@@ -252,14 +222,10 @@ int run_explain(const Args& args)
     return kExitOk;
 }
 
-int run_peak(const Args& args)
+int run_peak(const ReadSettings& o)
 {
-    const Options o("peak", args, {kStart, kEnd, kPacketsFlag});
-    if (o.help())
-        return show_help(kPeakHelp);
-    o.expect_positional(1, "input file");
-    ToolClip clip = ToolClip::open(o.positional()[0]);
-    const PacketRange r = clip.range(o);
+    ToolClip clip = ToolClip::open(o.files[0]);
+    const PacketRange r = clip.range(o.range);
     ClipOverview overview(clip);
     const double peak = overview.max_sample(r);
     const double rms = overview.rms_total(r);
@@ -269,28 +235,74 @@ int run_peak(const Args& args)
     return kExitOk;
 }
 
-int run_overview(const Args& args)
+int run_overview(const ReadSettings& o)
 {
-    const Options o("overview", args,
-                    {kStart, kEnd, kPacketsFlag, {"output", true}, {"width", true},
-                     {"height", true}, {"text", false}});
-    if (o.help())
-        return show_help(kOverviewHelp);
-    o.expect_positional(1, "input file");
-    const bool text = o.has("text");
-    const std::string out = text ? std::string() : o.required("output");
-    const int width = side(o, "width", 1200);
-    const int height = side(o, "height", 300);
-    ToolClip clip = ToolClip::open(o.positional()[0]);
-    const PacketRange r = clip.range(o);
+    if (!o.text && o.output.empty())
+        fail_usage("overview", "no output file given (-o FILE)");
+    ToolClip clip = ToolClip::open(o.files[0]);
+    const PacketRange r = clip.range(o.range);
     ClipOverview overview(clip);
-    if (text) {
-        overview.print_text(r, width);
+    if (o.text) {
+        overview.print_text(r, o.width);
         return kExitOk;
     }
-    overview.draw_png(r, width, height, out);
-    std::printf("drew %s (%d x %d) from %s\n", out.c_str(), width, height, clip.describe(r).c_str());
+    overview.draw_png(r, o.width, o.height, o.output);
+    std::printf("drew %s (%d x %d) from %s\n", o.output.c_str(), o.width, o.height, clip.describe(r).c_str());
     return kExitOk;
+}
+
+} // namespace
+
+void add_info(CommandLine& kel)
+{
+    auto s = std::make_shared<ReadSettings>();
+    CLI::App& c = kel.add("info", "describe audio files (--json for scripts)", kInfoHelp, [s] { return run_info(*s); });
+    c.add_option("FILE", s->files, "the files to describe")->required();
+    c.add_flag("--json", s->json,
+               "one JSON array on stdout, one object per file, with the keys\n"
+               "file, format, format_code, channels, sample_rate,\n"
+               "bits_per_sample, duration, bit_rate, rate_mode, packets,\n"
+               "packet_frames (null when packets differ in length),\n"
+               "mpeg_version and stereo_mode (null except for MP3);\n"
+               "a file that failed has file and error {code, description,\n"
+               "suggestion} instead");
+}
+
+void add_explain(CommandLine& kel)
+{
+    auto s = std::make_shared<ReadSettings>();
+    CLI::App& c = kel.add("explain", "what an error code means", kExplainHelp, [s] { return run_explain(*s); });
+    c.add_option("CODE", s->files, "the code, then optionally a file name")->required();
+}
+
+void add_peak(CommandLine& kel)
+{
+    auto s = std::make_shared<ReadSettings>();
+    CLI::App& c = kel.add("peak", "largest sample and RMS level in dBFS", kPeakHelp, [s] { return run_peak(*s); });
+    c.add_option("FILE", s->files, "the input file")->required()->expected(1);
+    CommandLine::add_range(c, s->range);
+}
+
+void add_overview(CommandLine& kel)
+{
+    auto s = std::make_shared<ReadSettings>();
+    CLI::App& c = kel.add("overview", "draw the waveform as a PNG picture (or --text)", kOverviewHelp,
+                          [s] { return run_overview(*s); });
+    c.add_option("FILE", s->files, "the input file")->required()->expected(1);
+    c.add_option("-o,--output", s->output, "the PNG file to write")->type_name("FILE");
+    c.add_option("--width", s->width, "columns (default 1200, at most " + std::to_string(PngWriter::kMaxSide) + ")")
+        ->type_name("W")
+        ->check(CLI::Range(1, PngWriter::kMaxSide));
+    c.add_option("--height", s->height,
+                 "rows (default 300, at most " + std::to_string(PngWriter::kMaxSide) +
+                     "; below 48 there\nis no time axis)")
+        ->type_name("H")
+        ->check(CLI::Range(1, PngWriter::kMaxSide));
+    CommandLine::add_range(c, s->range);
+    c.add_flag("--text", s->text,
+               "print the W (maximum, minimum) pairs instead, one\n"
+               "line per column: column, time in seconds of the\n"
+               "column's left edge, maximum, minimum");
 }
 
 } // namespace KEL::cli

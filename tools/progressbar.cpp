@@ -1,5 +1,6 @@
 #include "progressbar.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -10,7 +11,12 @@ namespace KEL::cli {
 
 namespace {
 
-volatile std::sig_atomic_t g_interrupted = 0;
+// Set by the handler, read by every thread: a lock-free atomic is safe in
+// both places.
+std::atomic<int> g_interrupted{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the SIGINT handler stores into it");
+
+std::atomic<bool> g_drawing{true};
 
 constexpr int kBarWidth = 32;
 
@@ -31,7 +37,7 @@ bool hook_wanted(const std::string& label)
 } // namespace
 
 ProgressBar::ProgressBar(std::string label)
-    : label_(std::move(label)), draw_(isatty(STDERR_FILENO) == 1), hook_pending_(hook_wanted(label_)),
+    : label_(std::move(label)), draw_(g_drawing && isatty(STDERR_FILENO) == 1), hook_pending_(hook_wanted(label_)),
       record_{&ProgressBar::on_progress, this},
       // report_always: the overview reports even while it reads ready caches.
       overview_record_{&ProgressBar::on_overview_progress, this, 1}
@@ -62,6 +68,18 @@ void ProgressBar::install_interrupt_handler()
     action.sa_handler = on_sigint;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
+}
+
+void ProgressBar::interrupt_point(const char* moment)
+{
+    static std::atomic<bool> done{false};
+    if (hook_wanted(moment) && !done.exchange(true))
+        std::raise(SIGINT);
+}
+
+void ProgressBar::set_drawing(bool draw)
+{
+    g_drawing = draw;
 }
 
 bool ProgressBar::interrupted()

@@ -25,6 +25,16 @@ public:
 
     // Clears the bar's line (also done by the destructor).
     void finish();
+    // Draws the bar at percent (0..100), as the library's callbacks do.
+    void show(float percent) { update(percent); }
+
+    // While set, no bar draws (the batch's overall bar draws itself
+    // through show(), on the thread that prints).
+    static void set_drawing(bool draw);
+
+    // Test hook: raises SIGINT once when KEL_CLI_INTERRUPT names this
+    // moment (as the bars do for theirs).
+    static void interrupt_point(const char* moment);
 
     // Installs the SIGINT handler that sets the interrupt flag.
     static void install_interrupt_handler();

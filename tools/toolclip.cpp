@@ -1,7 +1,7 @@
 #include "toolclip.h"
 
 #include "cli_common.h"
-#include "options.h"
+#include "console.h"
 #include "partialfile.h"
 #include "progressbar.h"
 
@@ -108,10 +108,10 @@ void copy_tags(const std::string& source, const std::string& written, const std:
     if (err == 0)
         return;
     if (format == KEL_FORMAT_CAF)
-        std::fprintf(stderr, "kel: warning: %s: CAF files take no tags; those of %s were left out (%s)\n",
+        Console::err("kel: warning: %s: CAF files take no tags; those of %s were left out (%s)\n",
                      target.c_str(), source.c_str(), code_text(err).c_str());
     else
-        std::fprintf(stderr,
+        Console::err(
                      "kel: warning: %s: the tags of %s could not be read or written and were left out; the audio "
                      "is saved whole (%s)\n",
                      target.c_str(), source.c_str(), code_text(err).c_str());
@@ -243,24 +243,45 @@ double ToolClip::duration_seconds()
     return seconds_at(packet_count());
 }
 
-PacketRange ToolClip::range(const Options& o)
+namespace {
+
+// A packet index from --start or --end with --packets.
+long packet_index(const RangeSettings& r, double value, const char* name, long fallback)
+{
+    if (std::isnan(value))
+        return fallback;
+    if (value != std::floor(value))
+        fail_usage(r.command, strprintf("--%s wants a whole number with --packets", name));
+    return static_cast<long>(std::max(-1.0, std::min(value, 2147483647.0)));
+}
+
+void check_start(const RangeSettings& r)
+{
+    if (r.start < 0.0)
+        fail_usage(r.command, "--start must not be below 0");
+}
+
+} // namespace
+
+PacketRange ToolClip::range(const RangeSettings& o)
 {
     const int count = packet_count();
     if (count < 1)
         fail(name_ + ": the clip holds no packets");
-    if (o.has("packets")) {
-        const long first = o.integer("start", 0);
-        const long last = o.integer("end", count - 1);
+    if (o.packets) {
+        const long first = packet_index(o, o.start, "start", 0);
+        const long last = packet_index(o, o.end, "end", count - 1);
         if (first < 0 || last >= count || last < first)
             fail(strprintf("%s: packets %ld..%ld are not a range within 0..%d", name_.c_str(), first, last,
                            count - 1));
         return {static_cast<int>(first), static_cast<int>(last)};
     }
+    check_start(o);
     const double duration = duration_seconds();
-    const double start = o.number_at_least("start", 0.0, 0.0);
-    const double end = o.number("end", duration);
+    const double start = std::isnan(o.start) ? 0.0 : o.start;
+    const double end = std::isnan(o.end) ? duration : o.end;
     if (end <= start)
-        fail_usage(o.command(), "--end must come after --start");
+        fail_usage(o.command, "--end must come after --start");
     if (start >= duration)
         fail(strprintf("%s: the range starts at %.3f s, but the file is %.3f s long", name_.c_str(), start,
                        duration));
@@ -293,16 +314,17 @@ double ToolClip::heard_seconds()
     return rate > 0.0f ? static_cast<double>(frames) / rate : 0.0;
 }
 
-FrameRange ToolClip::frame_range(const Options& o)
+FrameRange ToolClip::frame_range(const RangeSettings& o)
 {
     if (packet_count() < 1)
         fail(name_ + ": the clip holds no packets");
+    check_start(o);
     const double rate = info().sample_rate;
     const double duration = heard_seconds();
-    const double start = o.number_at_least("start", 0.0, 0.0);
-    const double end = std::min(o.number("end", duration), duration);
-    if (o.has("end") && o.number("end", 0.0) <= start)
-        fail_usage(o.command(), "--end must come after --start");
+    const double start = std::isnan(o.start) ? 0.0 : o.start;
+    const double end = std::isnan(o.end) ? duration : std::min(o.end, duration);
+    if (!std::isnan(o.end) && o.end <= start)
+        fail_usage(o.command, "--end must come after --start");
     if (start >= duration)
         fail(strprintf("%s: the range starts at %.3f s, but the file is %.3f s long", name_.c_str(), start,
                        duration));
@@ -338,7 +360,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         fail(path + ": --codec chooses the codec of an .m4a file only");
     }
     if (is_lossless(source.format) && !is_lossless(format))
-        std::printf("note: %s holds lossless audio; %s is written as %s, which is lossy\n", name_.c_str(),
+        Console::out("note: %s holds lossless audio; %s is written as %s, which is lossy\n", name_.c_str(),
                     path.c_str(), format_name(format));
     const Target t = choose_target(format, source, settings);
     ToolClip converted(nullptr, path);
@@ -354,7 +376,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         const int last = kel_clip_packet_frame_count(clip_, packet_count() - 1, &err);
         reencode_tail = err == 0 && last < kel_clip_packet_frame_count(clip_, 0, &err);
         if (reencode_tail)
-            std::printf("note: the short last packet changed; the audio is encoded again as whole packets, "
+            Console::out("note: the short last packet changed; the audio is encoded again as whole packets, "
                         "so %d frames of silence end the file\n",
                         kel_clip_packet_frame_count(clip_, 0, &err) - last);
     }
@@ -386,7 +408,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         // encoder's priming, the source's trims, the silence completing the
         // last packet), which the saved file's LAME tag or edit list says.
         if (reencode_tail)
-            std::printf("(the frames that complete it are trimmed by the file's edit list)\n");
+            Console::out("(the frames that complete it are trimmed by the file's edit list)\n");
     }
 
     PartialFile partial(path);
@@ -416,7 +438,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
     }
     partial.commit();
     if (single_mp3_frame) {
-        std::fprintf(stderr,
+        Console::err(
                      "kel: warning: %s holds a single MP3 frame (%.3f s); neither kel nor ffmpeg opens such a "
                      "file again (the file is kept)\n",
                      path.c_str(), duration_of(to_save));

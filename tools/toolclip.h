@@ -6,13 +6,12 @@
 
 #include "kel.h"
 
+#include <cmath>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace KEL::cli {
-
-class Options;
 
 // An inclusive range of packet indices.
 struct PacketRange {
@@ -25,6 +24,15 @@ struct PacketRange {
 struct FrameRange {
     long long start;
     long long end;
+};
+
+// --start and --end as given (NAN when absent): seconds, or inclusive
+// packet indices with --packets. command names the command in messages.
+struct RangeSettings {
+    double start = NAN;
+    double end = NAN;
+    bool packets = false;
+    const char* command = "";
 };
 
 // What `convert` may change on the way; zeros keep the source's values.
@@ -74,7 +82,7 @@ public:
     // rounded to the nearest packet boundaries, or with --packets inclusive
     // packet indices. Absent ends mean the clip's ends. Refuses ranges that
     // hold no packet.
-    PacketRange range(const Options& options);
+    PacketRange range(const RangeSettings& range);
     // "packets 43..85 (0.998 s to 1.997 s)".
     std::string describe(PacketRange range);
 
@@ -85,7 +93,7 @@ public:
     double heard_seconds();
     // --start/--end in seconds of what players hear, to the nearest frame;
     // absent ends mean the heard ends. Refuses empty ranges.
-    FrameRange frame_range(const Options& options);
+    FrameRange frame_range(const RangeSettings& range);
 
     // Writes the clip to `path`. The extension picks the format; when it
     // differs from the clip's or settings change a parameter, the clip is

@@ -278,6 +278,45 @@ class CliTest(unittest.TestCase):
             self.assertEqual(Path(out).read_bytes(), b"precious", step)
             self.assertEqual(sorted(os.listdir(self.dir)), ["markers.wav", "out.wav"], step)
 
+    def test_batch_goes_on_past_failures_and_keeps_finished_files_on_cancel(self):
+        names = [f"f{i}.wav" for i in range(5)]
+        for i, name in enumerate(names):
+            write_wave(self.path(name), 20 * PACKET, lambda k, i=i: (i + 1) / 16)
+        Path(self.path("f2.wav")).write_bytes(b"not audio" * 40)
+        inputs = [self.path(n) for n in names]
+        out_dir = self.path("out")
+        # Text reports come as whole blocks in input order, the failure on
+        # stderr with its file's name, then the count.
+        p = run("gain", *inputs, "--db", -6, "--out-dir", out_dir, "-j", 3, status=1)
+        wrote = [line.split("/")[-1] for line in p.stdout.splitlines() if line.startswith("wrote")]
+        self.assertEqual(wrote, ["f0.wav", "f1.wav", "f3.wav", "f4.wav"])
+        self.assertEqual([line for line in p.stdout.splitlines() if line.startswith("gain")][0],
+                         "gain -6.00 dB asked, -6.00 dB applied on packets 0..19 (0.000 s to 0.464 s)")
+        self.assertIn("f2.wav", p.stderr)
+        self.assertIn("kel: 1 of 5 files failed", p.stderr)
+        for i in (0, 1, 3, 4):
+            self.assertAlmostEqual(read_wave(os.path.join(out_dir, names[i]))[7], (i + 1) / 16 / 2, delta=1e-3)
+
+        summaries = json.loads(run("convert", *inputs, "--out-dir", out_dir, "--format", "aif", "--json",
+                                   status=1).stdout)
+        self.assertEqual([s["file"] for s in summaries], inputs)
+        self.assertEqual((summaries[0]["output"], summaries[0]["format"]), (os.path.join(out_dir, "f0.aif"), "AIFF"))
+        self.assertEqual(summaries[2]["error"]["code"], "Efmu")
+        self.assertNotIn("output", summaries[2])
+
+        # Ctrl-C once the first file is done: it stays, whole; no other
+        # output and no partial file.
+        shutil.rmtree(out_dir)
+        del inputs[2]
+        p = run("cut", *inputs, "--end", 0.1, "--out-dir", out_dir, "-j", 1, status=130,
+                env={"KEL_CLI_INTERRUPT": "files"})
+        self.assertIn("cancelled", p.stderr)
+        self.assertEqual(os.listdir(out_dir), ["f0.wav"])
+        self.assertEqual(read_wave(os.path.join(out_dir, "f0.wav")), read_wave(inputs[0])[round(0.1 * RATE):])
+
+        run("cut", inputs[0], inputs[0], "--out-dir", out_dir, status=2)  # both named f0.wav
+        run("cut", *inputs, "-o", self.path("x.wav"), status=2)
+
     def test_bad_input_and_usage(self):
         garbage = self.path("garbage.wav")
         Path(garbage).write_bytes(b"\x00" * 300)

@@ -76,7 +76,7 @@ class Loudness(unittest.TestCase):
         subprocess.run(["sox", a, b, both], check=True)
         silent = os.path.join(self.dir, "silent.wav")
         subprocess.run(["sox", "-n", "-r", "48000", "-c", "2", "-b", "16", silent, "trim", "0", "3"], check=True)
-        results = loudness("--album", a, b, silent, os.path.join(self.dir, "missing.wav"), status=1)
+        results = loudness("--album", "-j", 3, a, b, silent, os.path.join(self.dir, "missing.wav"), status=1)
         whole = loudness(both)[0]
         self.assertAlmostEqual(results[0]["album_integrated_lufs"], whole["integrated_lufs"], delta=0.05)
         self.assertAlmostEqual(results[0]["album_gain_db"], -18.0 - whole["integrated_lufs"], delta=0.05)
