@@ -117,6 +117,29 @@ void check_bitstream(const Bitstream& bs)
     check(bs.current >= bs.start && bs.current <= bs.start + bs.length, "cursor within the buffer");
 }
 
+// Whether bit (counted from the frame's first bit, most significant first)
+// of a Layer III frame lies in one of its global_gain fields that the frame
+// holds whole, or in its CRC word: the only bits a gain change may touch.
+// The field positions follow the side-information layout of mp3framegain.h.
+bool is_gain_or_crc_bit(const uint8_t* frame, int length, int bit)
+{
+    if (length < 4)
+        return false;
+    const bool mpeg1 = (frame[1] & 0x18) == 0x18;
+    const bool crc = (frame[1] & 1) == 0;
+    const int nch = (frame[3] >> 6) == 3 ? 1 : 2;
+    if (crc && bit >= 32 && bit < 48)
+        return true;
+    int at = 32 + (crc ? 16 : 0) + (mpeg1 ? 9 + (nch == 1 ? 5 : 3) + (nch == 1 ? 4 : 8) : 8 + nch);
+    const int blocks = (mpeg1 ? 2 : 1) * nch;
+    for (int b = 0; b < blocks; ++b, at += mpeg1 ? 59 : 63) {
+        const int gain = at + 21;
+        if (gain + 8 <= length * 8 && bit >= gain && bit < gain + 8)
+            return true;
+    }
+    return false;
+}
+
 // MP3 frames lying one after another in memory, for the reservoir walk.
 class MemFrames : public Mp3FrameSource {
 public:
@@ -226,9 +249,14 @@ int mp3_frame(const uint8_t* data, size_t size)
         const int code = adjust_gain(bs, gain);
         check_bitstream(bs);
         check(frame[static_cast<size_t>(length)] == 0, "nothing written past the frame");
-        // The header never changes; with a CRC word, the CRC must be right
-        // for the frame as rewritten when it was right before.
-        check(std::memcmp(frame.data(), before.data(), std::min(length, 4)) == 0, "header untouched");
+        // Only the bits of whole global_gain fields change, and the CRC word.
+        for (int bit = 0; bit < length * 8; ++bit) {
+            const int mask = 0x80 >> (bit & 7);
+            if (((frame[static_cast<size_t>(bit >> 3)] ^ before[static_cast<size_t>(bit >> 3)]) & mask) != 0)
+                check(is_gain_or_crc_bit(before.data(), length, bit), "only global_gain and CRC bits change");
+        }
+        // With a CRC word, the CRC must be right for the frame as rewritten
+        // when it was right before.
         int side_err = 0;
         const int static_size = mp3_static_part_size(frame.data(), length, side_err);
         if (code == 0 && side_err == 0 && length >= static_size && (frame[1] & 1) == 0) {
@@ -313,13 +341,14 @@ int m4a_atoms(const uint8_t* data, size_t size)
             long long offset = 0;
             int bytes = 0;
             int frames = 0;
-            if (parser->get_packet_info(i, &offset, &bytes, &frames) == 0)
+            // The clips refuse a negative size before they clamp.
+            if (parser->get_packet_info(i, &offset, &bytes, &frames) == 0 || bytes < 0)
                 continue;
             M4A_Parser::clamp_to_file(static_cast<long long>(size), 1 << 16, offset, bytes, frames);
-            check(bytes >= 0 && frames >= 0, "clamped packet not negative");
+            check(bytes >= 0 && frames <= 1 << 16, "clamped packet within its bounds");
             check(bytes == 0 || (offset >= 0 && offset + bytes <= static_cast<long long>(size)),
                   "clamped packet inside the file");
-            frames_total += frames;
+            frames_total += std::max(frames, 0);
         }
         int start = 0;
         int end = 0;
