@@ -63,6 +63,8 @@ max_len=4096
 [[ $target == open ]] && max_len=65536
 [[ $target == m4a_atoms || $target == mp3_tags || $target == pcm_chunks ]] && max_len=20000
 
+stamp=$work.start
+touch "$stamp"
 set +e
 nice -n 19 "$exe" "$work" "$corpus" -dict="$dict" -max_total_time=$((minutes * 60)) -max_len=$max_len \
     -timeout=2 -rss_limit_mb=256 -malloc_limit_mb=256 -print_final_stats=1 \
@@ -78,15 +80,17 @@ cov=$(sed -n 's/.* cov: *\([0-9]*\).*/\1/p' <<<"$last")
 ft=$(sed -n 's/.* ft: *\([0-9]*\).*/\1/p' <<<"$last")
 echo "target $target: ${minutes} min, ${execs:-?} execs, ${rate:-?} exec/s, cov ${cov:-?}, ft ${ft:-?}, exit $status"
 echo "log: $log"
-found=$(find "$findings" -type f | wc -l)
-echo "findings: $found in $findings"
+found=$(find "$findings" -type f -newer "$stamp" | wc -l)
+echo "findings: $found new in $findings"
 if [[ $status -ne 0 ]]; then
     grep -E 'ERROR: (AddressSanitizer|LeakSanitizer|libFuzzer)|runtime error|invariant broken|SUMMARY' "$log" | head -5
 fi
 
 if [[ $merge == --merge ]]; then
     before=$(find "$corpus" -type f | wc -l)
-    nice -n 19 "$exe" -merge=1 -max_len=$max_len -timeout=2 -rss_limit_mb=256 "$corpus" "$work" \
+    # Committed inputs stay below 20 KB: longer ones are cut there.
+    nice -n 19 "$exe" -merge=1 -max_len=$((max_len < 20000 ? max_len : 20000)) -timeout=2 -rss_limit_mb=256 \
+        "$corpus" "$work" \
         >"$logs/$target-merge.log" 2>&1
     echo "merged: $before -> $(find "$corpus" -type f | wc -l) files in $corpus"
 fi
