@@ -323,7 +323,8 @@ int m4a_atoms(const uint8_t* data, size_t size)
             check(offset >= 0 && static_cast<size_t>(offset) + 8 <= size, "atom header inside the block");
     }
     // Both parsers: the sample entry, the tables, the edit list, and every
-    // packet the tables describe (a few thousand at most).
+    // packet the tables describe, up to the first that cannot be placed
+    // (where the clips stop too).
     for (int kind = 0; kind < 2; ++kind) {
         MemFile file(data, size);
         if (file.f == nullptr)
@@ -335,7 +336,7 @@ int m4a_atoms(const uint8_t* data, size_t size)
             parser = std::make_unique<M4A_ParserALAC>();
         if (parser->parse(file.f) != 0)
             continue;
-        const int packets = std::min(parser->get_packet_count(), 4096);
+        const int packets = parser->get_packet_count();
         long long frames_total = 0;
         for (int i = 0; i < packets; ++i) {
             long long offset = 0;
@@ -343,7 +344,7 @@ int m4a_atoms(const uint8_t* data, size_t size)
             int frames = 0;
             // The clips refuse a negative size before they clamp.
             if (parser->get_packet_info(i, &offset, &bytes, &frames) == 0 || bytes < 0)
-                continue;
+                break;
             M4A_Parser::clamp_to_file(static_cast<long long>(size), 1 << 16, offset, bytes, frames);
             check(bytes >= 0 && frames <= 1 << 16, "clamped packet within its bounds");
             check(bytes == 0 || (offset >= 0 && offset + bytes <= static_cast<long long>(size)),
