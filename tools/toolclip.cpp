@@ -399,8 +399,9 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         }
         converted = ToolClip(result, path);
         check_interrupt();
+        // A packet that does not decode is the source's fault, not the output's.
         if (result == nullptr)
-            fail_library(err != 0 ? err : KEL_ERR_TRANSCODE, path);
+            fail_library(err != 0 ? err : KEL_ERR_TRANSCODE, err == KEL_ERR_DECODE ? name_ : path);
         if (err != 0)
             warn_library(err, name_);
         to_save = result;
@@ -421,7 +422,7 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
     // drops the finished file instead (PartialFile removes it).
     check_interrupt();
     if (KELErrorIsFatal(err))
-        fail_library(err, path);
+        fail_library(err, err == KEL_ERR_DECODE ? name_ : path);
     if (err != 0)
         warn_library(err, path);
     if (settings.tags)
@@ -433,8 +434,8 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
     const bool single_mp3_frame = t.format == KEL_FORMAT_MP3 && kel_clip_packet_count(to_save) == 1;
     if (!single_mp3_frame) {
         if (const int bad = check_written(partial.path()))
-            fail(strprintf("%s: the written file does not decode again (%s); nothing was written", path.c_str(),
-                           code_text(bad).c_str()));
+            fail(strprintf("%s: the file written from %s does not decode again (%s); nothing was written",
+                           path.c_str(), name_.c_str(), code_text(bad).c_str()));
     }
     partial.commit();
     if (single_mp3_frame) {

@@ -268,7 +268,12 @@ int aac_gain_steps(float gain)
     static const double steps_per_decibel = 1.0 / (5.0 * std::log10(2.0));
     if (gain < 1e-12f)
         return -255;
-    return static_cast<int>(20.0 * std::log10(static_cast<double>(gain)) * steps_per_decibel + 0.001);
+    // NaN and infinity have no int value; 255 steps already take any 8-bit
+    // field to a bound, so a wider count changes nothing.
+    const double steps = 20.0 * std::log10(static_cast<double>(gain)) * steps_per_decibel + 0.001;
+    if (std::isnan(steps))
+        return 0;
+    return static_cast<int>(std::clamp(steps, -255.0, 255.0));
 }
 
 int adjust_gain(Bitstream& bits, float gain, float sample_rate)

@@ -16,9 +16,9 @@
 namespace KEL {
 
 // Whole global_gain steps of a linear gain: truncate(20 log10(g) / (5
-// log10 2) + 0.001), -255 below 1e-12. The 0.001 is all the rounding there
-// is, so an attenuation that falls on a whole step comes out one step short
-// (0.5 gives -3).
+// log10 2) + 0.001), -255 below 1e-12, held to -255..255, 0 for NaN. The
+// 0.001 is all the rounding there is, so an attenuation that falls on a
+// whole step comes out one step short (0.5 gives -3).
 KEL_API int aac_gain_steps(float gain);
 
 // Rewrites the global_gain fields of the first single channel or channel

@@ -278,10 +278,13 @@ int ClipM4AAC::get_file_info(const char* path, _kel_clip_info_t* info, _kel_prog
     bool constant = true;
     ProgressThrottle throttle(progress);
     for (int i = 0; i < count && code == 0; ++i) {
+        long long offset = 0;
         int size = 0;
         int frames = 0;
         int packet_rate = 0;
-        if (parser->get_packet_info(i, nullptr, &size, &frames) == 0 || size < 0 ||
+        // The offset too, so that a table claiming more packets than its
+        // chunks hold ends here where the open ends, not billions later.
+        if (parser->get_packet_info(i, &offset, &size, &frames) == 0 || size < 0 ||
             !packet_bit_rate(size, rate, std::min(frames, kFramesPerPacket), packet_rate)) {
             code = kErrCorruptAac;
             break;

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <vector>
 
 namespace KEL {
 
@@ -95,6 +96,9 @@ private:
     bool size_of(int index, int& size) const;
     // The file offset of packet index from "stsc", "stco" and "stsz".
     bool offset_of(int index, long long& offset) const;
+    // Running sums of the listed "stsz" sizes (entry k: the first k), made
+    // on first use; at most a quarter of the file's size in entries.
+    mutable std::vector<long long> size_sums_;
 };
 
 } // namespace KEL

@@ -203,10 +203,11 @@ void M4A_ParserAAC::read_esds(const unsigned char* rest, long long length)
     const long long specific = find_tag(rest, length, config + 14, kTagDecoderSpecific);
     p = last_size_byte(rest, length, specific);
     if (plain_aac && length > p + 1 && rest[config + 1] == 0x40) {
-        // The descriptor's size: 7 bits per size byte.
+        // The descriptor's size: 7 bits per size byte, held at the bytes
+        // the rest holds (a run of size bytes may be any length).
         long long size = 0;
         for (long long s = specific + 1; s <= p && s < length; ++s)
-            size = (size << 7) | (rest[s] & 0x7F);
+            size = std::min((size << 7) | (rest[s] & 0x7F), length);
         plain_aac = config_is_plain_aac(rest + p + 1, std::min(size, length - p - 1));
     }
     int frequency_index = 15;

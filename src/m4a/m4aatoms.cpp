@@ -15,6 +15,11 @@ namespace {
 // Indexes larger than this stop growing; no file has that many siblings.
 constexpr long long kIndexCap = 1000000000LL;
 
+// Atom headers one search reads at most. A path passes a few dozen in a
+// real file; a file of nothing but 8-byte atoms would otherwise cost a read
+// per 8 bytes, for every path and every track number tried.
+constexpr int kMaxAtomsWalked = 1024;
+
 // One component of an atom path: a type and the sibling index.
 struct Component {
     uint32_t type = 0;
@@ -128,7 +133,7 @@ int find_atom(FILE* file, const unsigned char* path, long long* offset)
         return 0;
     long long range_end = file_size;
     long long matches = -1;
-    for (;;) {
+    for (int walked = 0; walked < kMaxAtomsWalked; ++walked) {
         long long position = ftello(file);
         if (position < 0 || position >= range_end)
             return 0;
@@ -189,6 +194,7 @@ int find_atom(FILE* file, const unsigned char* path, long long* offset)
         if (next == LLONG_MAX || fseeko(file, next, SEEK_SET) != 0)
             return 0;
     }
+    return 0;
 }
 
 int find_atom_and_index(FILE* file, const char* path_format, int* track, long long* offset)
@@ -198,6 +204,11 @@ int find_atom_and_index(FILE* file, const char* path_format, int* track, long lo
     // The track number replaces "%d" with at most three digits.
     std::string path(std::strlen(path_format) + 8, '\0');
     for (int n = 0; n < 255; ++n) {
+        // Tracks are numbered among the "trak" atoms of "moov": once one is
+        // missing, so are all after it.
+        std::snprintf(&path[0], path.size(), "moov.trak-%d", n);
+        if (!find_atom(file, reinterpret_cast<const unsigned char*>(path.c_str()), nullptr))
+            return 0;
         std::snprintf(&path[0], path.size(), path_format, n);
         long long found = 0;
         if (find_atom(file, reinterpret_cast<const unsigned char*>(path.c_str()), &found)) {
@@ -222,7 +233,7 @@ int find_atom_mem(const unsigned char* data, int length, const unsigned char* pa
     long long range_end = length;
     long long position = 0;
     long long matches = -1;
-    for (;;) {
+    for (int walked = 0; walked < kMaxAtomsWalked; ++walked) {
         // A candidate needs more than 8 bytes left in its range, and its
         // header must lie inside the block (a child range may overshoot it).
         if (range_end - position <= 8 || position + 8 > length)
@@ -261,6 +272,7 @@ int find_atom_mem(const unsigned char* data, int length, const unsigned char* pa
         }
         position = payload_start + payload;
     }
+    return 0;
 }
 
 void* load_stts(FILE* file, int track)

@@ -40,16 +40,18 @@ inline constexpr std::array<int, 12> kMpeg4SamplingFrequencies = {
     96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000};
 
 // 1 and the offset of the named atom's header, the file left positioned
-// just after that header; 0 when the atom is not there or the file cannot
-// be read.
+// just after that header; 0 when the atom is not there, lies behind more
+// than 1024 other atom headers, or the file cannot be read.
 KEL_API int find_atom(FILE* file, const unsigned char* path, long long* offset);
 
-// path_format holds one %d: tries the track numbers 0..254 in order and
-// answers for the first that names an existing atom. 0 when none does.
+// path_format starts "moov.trak-%d": tries the track numbers of the
+// file's tracks (at most 0..254) in order and answers for the first that
+// names an existing atom. 0 when none does.
 KEL_API int find_atom_and_index(FILE* file, const char* path_format, int* track, long long* offset);
 
 // find_atom over a block in memory; the offset is relative to data. Knows
-// only "." and "," as separators and refuses 64-bit atom sizes.
+// only "." and "," as separators and refuses 64-bit atom sizes; the same
+// bound on the headers passed.
 KEL_API int find_atom_mem(const unsigned char* data, int length, const unsigned char* path, int* offset);
 
 // The sample tables of track (see above); null on any failure.

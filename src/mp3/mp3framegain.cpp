@@ -127,33 +127,46 @@ int adjust_gain(Bitstream& bs, float gain)
     const int steps =
         gain < 1e-12f ? -255 : std::clamp(gain_steps(gain, gain_dB_norm), -255, 255);
 
+    // The walk stops at the first field that is not all there: a failed
+    // skip does not move, and a global_gain poked from there would overwrite
+    // whatever other field lies at that point of a frame cut short.
     int err = 0;
     const HeaderBits h = read_header(bs, err);
     const bool mpeg1 = h.version_bits == 3;
     const int nch = h.single_channel ? 1 : 2;
-    if (h.protection == 0)
+    if (err == 0 && h.protection == 0)
         err = bs.skip_bits(16); // CRC word
+    const auto skip = [&](int n) {
+        if (err == 0)
+            err = bs.skip_bits(n);
+    };
+    const auto move_gain = [&]() {
+        if (err == 0)
+            err = move_global_gain(bs, steps);
+    };
 
     if (mpeg1) {
-        err = bs.skip_bits(9);                // main_data_begin
-        err = bs.skip_bits(nch == 1 ? 5 : 3); // private bits
-        err = bs.skip_bits(nch == 1 ? 4 : 8); // scale-factor selection
+        skip(9);                // main_data_begin
+        skip(nch == 1 ? 5 : 3); // private bits
+        skip(nch == 1 ? 4 : 8); // scale-factor selection
         for (int gr = 0; gr < 2; ++gr) {
             for (int ch = 0; ch < nch; ++ch) {
-                err = bs.skip_bits(21); // part2_3_length, big_values
-                err = move_global_gain(bs, steps);
-                err = bs.skip_bits(38); // global_gain and the 30 bits after it
+                skip(21); // part2_3_length, big_values
+                move_gain();
+                skip(38); // global_gain and the 30 bits after it
             }
         }
     } else {
-        err = bs.skip_bits(8);   // main_data_begin
-        err = bs.skip_bits(nch); // private bits
+        skip(8);   // main_data_begin
+        skip(nch); // private bits
         for (int ch = 0; ch < nch; ++ch) {
-            err = bs.skip_bits(21);
-            err = move_global_gain(bs, steps);
-            err = bs.skip_bits(42); // global_gain and the 34 bits after it
+            skip(21);
+            move_gain();
+            skip(42); // global_gain and the 34 bits after it
         }
     }
+    if (err != 0)
+        return err;
     if (h.protection != 0)
         return err;
 

@@ -50,8 +50,9 @@ KEL_API float mp3_quantized_gain(float gain);
 // field that is 0 stays 0, and a field beyond the end of the data stays as
 // it is. A NaN gain gives 0 steps.
 //
-// Returns the status of the last bit operation: 0, or "Ebef" when the frame
-// is shorter than its header and side information.
+// Returns 0, or "Ebef" when the frame is shorter than its header and side
+// information: the walk then stops at the first field that is not all
+// there, leaving every byte from it on (and the CRC) as it was.
 //
 // The header reads go through Bitstream::get_bits_le8, which loads one byte
 // past the field; for a frame of at least 5 bytes that byte lies inside the

@@ -115,6 +115,8 @@ TEST(AACGain, StepsAndQuantizedGain)
     EXPECT_EQ(aac_gain_steps(1.0f), 0);
     EXPECT_EQ(aac_gain_steps(0.0f), -255);
     EXPECT_EQ(aac_gain_steps(1e-13f), -255);
+    EXPECT_EQ(aac_gain_steps(std::nanf("")), 0);
+    EXPECT_EQ(aac_gain_steps(INFINITY), 255);
     EXPECT_EQ(aac_gain_steps(std::pow(2.0f, 7.0f / 4.0f)), 7);
 
     PacketM4AAC packet(128000, 44100.0f, 2, 1024, nullptr);
