@@ -8,6 +8,7 @@
 #include "pngwriter.h"
 #include "progressbar.h"
 #include "toolclip.h"
+#include "waveformdata.h"
 
 #include <array>
 #include <cmath>
@@ -48,6 +49,8 @@ const char* const kPeakHelp =
 const char* const kOverviewHelp =
     "usage: kel overview FILE -o wave.png [--width W --height H] [--start T --end T]\n"
     "       kel overview FILE --text [--width W] [--start T --end T]\n"
+    "       kel overview FILE --format dat|json [--samples-per-pixel N |\n"
+    "                    --pixels-per-second N] [--bits 8|16] [--channels mono|stereo] -o OUT\n"
     "\n"
     "Draws the waveform of a file or a range as a PNG picture: per column the\n"
     "extent from the smallest to the largest sample, the RMS level as a\n"
@@ -61,7 +64,29 @@ const char* const kOverviewHelp =
     "  --packets            read --start and --end as packet indices\n"
     "  --text               print the W (maximum, minimum) pairs instead, one\n"
     "                       line per column: column, time in seconds of the\n"
-    "                       column's left edge, maximum, minimum\n";
+    "                       column's left edge, maximum, minimum\n"
+    "\n"
+    "Waveform data for web players (version 2 of the binary .dat and the .json\n"
+    "format that waveform-data, peaks.js and wavesurfer read): per pixel and\n"
+    "channel the smallest and largest value as an integer of --bits bits\n"
+    "(floor(sample x 32767 or x 127)).\n"
+    "\n"
+    "  --format dat|json    write waveform data instead of a picture (default:\n"
+    "                       taken from the extension of -o when it is .dat\n"
+    "                       or .json)\n"
+    "  --samples-per-pixel N  frames per pixel (default 256); the last pixel\n"
+    "                       takes what remains\n"
+    "  --pixels-per-second N  the same as a rate: the file's sample rate / N,\n"
+    "                       rounded\n"
+    "  --bits 8|16          width of the values (default 16)\n"
+    "  --channels mono|stereo\n"
+    "                       mono (default): one channel, the library's\n"
+    "                       overview of (left + right) / 2, whose extent always\n"
+    "                       spans zero, the values of --text; stereo: two\n"
+    "                       channels, each one's own extremes from a decode\n"
+    "                       (two-channel files only)\n"
+    "The pixels cover the decoded packets of the range, an MP3's or AAC's\n"
+    "encoder delay (25 ms or less) included.\n";
 
 const char* const kExplainHelp =
     "usage: kel explain CODE [FILE]\n"
@@ -198,6 +223,17 @@ int side(const Options& o, const char* name, long fallback)
     return static_cast<int>(value);
 }
 
+// "dat" or "json" for an output of that extension, else empty (a picture).
+std::string data_format_of(const std::string& path)
+{
+    for (const char* ext : {"dat", "json"}) {
+        const std::string suffix = std::string(".") + ext;
+        if (path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0)
+            return ext;
+    }
+    return "";
+}
+
 } // namespace
 
 int run_info(const Args& args)
@@ -272,8 +308,9 @@ int run_peak(const Args& args)
 int run_overview(const Args& args)
 {
     const Options o("overview", args,
-                    {kStart, kEnd, kPacketsFlag, {"output", true}, {"width", true},
-                     {"height", true}, {"text", false}});
+                    {kStart, kEnd, kPacketsFlag, {"output", true}, {"width", true}, {"height", true},
+                     {"text", false}, {"format", true}, {"samples-per-pixel", true}, {"pixels-per-second", true},
+                     {"bits", true}, {"channels", true}});
     if (o.help())
         return show_help(kOverviewHelp);
     o.expect_positional(1, "input file");
@@ -281,8 +318,45 @@ int run_overview(const Args& args)
     const std::string out = text ? std::string() : o.required("output");
     const int width = side(o, "width", 1200);
     const int height = side(o, "height", 300);
+    const std::string format = o.has("format") ? o.text("format") : data_format_of(out);
+    if (!format.empty() && format != "dat" && format != "json")
+        fail_usage("overview", "--format must be dat or json");
+    const bool data = !text && !format.empty();
+    const long bits = o.integer("bits", 16);
+    if (bits != 8 && bits != 16)
+        fail_usage("overview", "--bits must be 8 or 16");
+    const std::string channels = o.text("channels", "mono");
+    if (channels != "mono" && channels != "stereo")
+        fail_usage("overview", "--channels must be mono or stereo");
+    if (o.has("samples-per-pixel") && o.has("pixels-per-second"))
+        fail_usage("overview", "give --samples-per-pixel or --pixels-per-second, not both");
+    const long samples_per_pixel = o.integer("samples-per-pixel", 256);
+    const double pixels_per_second = o.number("pixels-per-second", 0.0);
+    if (samples_per_pixel < 1 || samples_per_pixel > INT32_MAX || pixels_per_second < 0.0)
+        fail_usage("overview", "samples or pixels per second must be positive");
     ToolClip clip = ToolClip::open(o.positional()[0]);
     const PacketRange r = clip.range(o);
+    if (data) {
+        const _kel_clip_info_t info = clip.info();
+        const int rate = static_cast<int>(std::lround(info.sample_rate));
+        long spp = samples_per_pixel;
+        if (pixels_per_second > 0.0)
+            spp = std::max(1L, std::lround(rate / pixels_per_second));
+        const bool stereo = channels == "stereo";
+        if (stereo && info.channels != 2)
+            fail(clip.name() + ": --channels stereo needs a two-channel file");
+        WaveformData wave(rate, static_cast<int>(spp), static_cast<int>(bits), stereo ? 2 : 1);
+        if (stereo) {
+            wave.fill_stereo(clip, r);
+        } else {
+            ClipOverview overview(clip);
+            wave.fill_mono(overview, clip, r);
+        }
+        wave.write(out, format == "json");
+        std::printf("wrote %s (%d pixels of %ld samples, %ld-bit, %s) from %s\n", out.c_str(), wave.length(), spp,
+                    bits, channels.c_str(), clip.describe(r).c_str());
+        return kExitOk;
+    }
     ClipOverview overview(clip);
     if (text) {
         overview.print_text(r, width);
