@@ -29,6 +29,7 @@ int run_peak(const Args& args);
 int run_loudness(const Args& args);
 int run_normalize(const Args& args);
 int run_overview(const Args& args);
+int run_split(const Args& args);
 int run_demo(const Args& args);
 int run_explain(const Args& args);
 
@@ -43,6 +44,7 @@ extern const char* const kPeakHelp;
 extern const char* const kLoudnessHelp;
 extern const char* const kNormalizeHelp;
 extern const char* const kOverviewHelp;
+extern const char* const kSplitHelp;
 extern const char* const kDemoHelp;
 extern const char* const kExplainHelp;
 

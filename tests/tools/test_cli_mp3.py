@@ -143,6 +143,16 @@ class Mp3Commands(unittest.TestCase):
             self.assertEqual(len(got), count)
             self.assertLess(max(abs(a - b) for a, b in zip(source[start:start + count], got)), 1e-6, command)
 
+    def test_split_pieces_play_the_source_sample_for_sample(self):
+        source = heard(self.mp3)
+        run("split", self.mp3, "--every", 0.7, "-o", self.path("piece{n}.mp3"))
+        pieces = [heard(self.path(f"piece{n}.mp3")) for n in range(1, 6)]
+        self.assertEqual([len(p) for p in pieces], [30870] * 4 + [3 * 44100 - 4 * 30870])
+        self.assertEqual(sum(pieces, ()), source)
+        for n in range(1, 6):
+            tags = probe("-show_entries", "format_tags=title,track", "-of", "csv=p=0", self.path(f"piece{n}.mp3"))
+            self.assertEqual(tags.strip(), f"KEL title,{n}")
+
     def test_impossible_lame_fields_are_ignored(self):
         # Delay and padding of 4095 each on a file of 0.1 s: more than the
         # file holds, so the clip keeps every frame and saves no extension.
