@@ -30,6 +30,7 @@ int run_loudness(const Args& args);
 int run_normalize(const Args& args);
 int run_overview(const Args& args);
 int run_split(const Args& args);
+int run_join(const Args& args);
 int run_demo(const Args& args);
 int run_explain(const Args& args);
 
@@ -45,6 +46,7 @@ extern const char* const kLoudnessHelp;
 extern const char* const kNormalizeHelp;
 extern const char* const kOverviewHelp;
 extern const char* const kSplitHelp;
+extern const char* const kJoinHelp;
 extern const char* const kDemoHelp;
 extern const char* const kExplainHelp;
 

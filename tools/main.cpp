@@ -16,12 +16,13 @@ namespace {
 
 // Every subcommand, in the order "kel --help" lists them.
 // (const, not constexpr: the help texts live in the commands' own files.)
-const std::array<Command, 14> kCommands{{
+const std::array<Command, 15> kCommands{{
     {"info", "describe audio files (--json for scripts)", kInfoHelp, run_info},
     {"cut", "remove a time range and write what remains", kCutHelp, run_cut},
     {"copy", "keep a time range and write it", kCopyHelp, run_copy},
     {"splice", "insert another file at a time", kSpliceHelp, run_splice},
     {"split", "cut a file into pieces at times, silences or a cue sheet", kSplitHelp, run_split},
+    {"join", "write several files of one format as one, gaplessly where it can", kJoinHelp, run_join},
     {"gain", "change the loudness of a file or a range", kGainHelp, run_gain},
     {"fade", "fade in and/or out", kFadeHelp, run_fade},
     {"convert", "write a file in another format, rate or width", kConvertHelp, run_convert},

@@ -277,6 +277,8 @@ class CliTest(unittest.TestCase):
         text = run("split", source, "--silence", "--min-silence", 1, "-o", self.path("s{n}.wav")).stdout
         halves = [read_wave(self.path("s1.wav")), read_wave(self.path("s2.wav"))]
         self.assertEqual(halves[0] + halves[1], samples)
+        run("join", self.path("s1.wav"), self.path("s2.wav"), "-o", self.path("s.wav"))
+        self.assertEqual(read_wave(self.path("s.wav")), samples)
         self.assertAlmostEqual(len(halves[0]), 60000, delta=PACKET)
         text = run("split", source, "--silence", "--min-silence", 1, "--trim", "-o", self.path("t{n}.wav")).stdout
         spans = [tuple(map(int, line.split("frames ")[1].rstrip(")").split(" to ")))
