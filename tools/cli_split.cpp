@@ -71,11 +71,16 @@ struct Piece {
     std::string performer;
 };
 
-// The heard frames of the clip: [begin, end) of its decode.
+// The heard frames of the clip: [begin, end) of its decode. A PCM clip
+// counts its short last packet whole, and a piece that ends at `end` is
+// saved up to the file's real end; `last` is that end as far as the
+// file's description tells it (a float duration: to a few frames), for
+// checking times and for messages.
 struct Heard {
     long long begin;
     long long end;
     double rate;
+    long long last;
 
     long long frame(double seconds) const { return begin + std::llround(seconds * rate); }
     double seconds(long long frame) const { return static_cast<double>(frame - begin) / rate; }
@@ -107,9 +112,9 @@ std::vector<Piece> at_times(const Options& o, const std::string& name, const Hea
         if (word.empty() || *end != '\0' || !std::isfinite(t))
             fail_usage("split", "--at takes times in seconds separated by commas, not '" + list + "'");
         const long long cut = h.frame(t);
-        if (cut <= h.begin || cut >= h.end)
+        if (cut <= h.begin || cut >= h.last)
             fail(strprintf("%s: --at %s lies outside the file (0 to %.3f s)", name.c_str(), word.c_str(),
-                           h.seconds(h.end)));
+                           h.seconds(h.last)));
         if (!cuts.empty() && cut <= cuts.back())
             fail(strprintf("%s: --at %s does not come after the time before it", name.c_str(), word.c_str()));
         cuts.push_back(cut);
@@ -124,11 +129,11 @@ std::vector<Piece> every(const Options& o, const std::string& name, const Heard&
     const long long frames = std::llround(step * h.rate);
     if (frames < 1)
         fail_usage("split", "--every needs a positive time");
-    if (frames >= h.end - h.begin)
+    if (frames >= h.last - h.begin)
         fail(strprintf("%s: --every %g leaves one piece (the file is %.3f s long)", name.c_str(), step,
-                       h.seconds(h.end)));
+                       h.seconds(h.last)));
     std::vector<long long> cuts;
-    for (long long cut = h.begin + frames; cut < h.end; cut += frames)
+    for (long long cut = h.begin + frames; cut < h.last; cut += frames)
         cuts.push_back(cut);
     return between(h, cuts);
 }
@@ -158,7 +163,9 @@ std::vector<Piece> at_silences(const Options& o, ToolClip& clip, const Heard& h)
         while (q + 1 < count && rms[static_cast<size_t>(q) + 1] < threshold)
             ++q;
         const long long from = std::max(h.begin, b[static_cast<size_t>(p)]);
-        const long long to = std::min(h.end, b[static_cast<size_t>(q) + 1]);
+        long long to = std::min(h.end, b[static_cast<size_t>(q) + 1]);
+        if (to >= h.last)
+            to = h.end; // silence to the end of the file
         if (to - from >= std::max(min_frames, 1LL))
             gaps.emplace_back(from, to);
         p = q + 1;
@@ -171,7 +178,7 @@ std::vector<Piece> at_silences(const Options& o, ToolClip& clip, const Heard& h)
                 pieces.push_back({from, gap_from, "", ""});
             from = gap_to;
         }
-        if (from < h.end)
+        if (from < h.last)
             pieces.push_back({from, h.end, "", ""});
     } else {
         std::vector<long long> cuts;
@@ -194,10 +201,10 @@ std::vector<Piece> along_cue(const std::string& sheet_path, const std::string& n
     for (size_t i = 0; i < sheet.tracks().size(); ++i) {
         const CueSheet::Track& t = sheet.tracks()[i];
         const long long from = h.begin + std::llround(static_cast<double>(t.start) * h.rate / CueSheet::kFramesPerSecond);
-        if (from >= h.end)
+        if (from >= h.last)
             fail(strprintf("%s: track %zu starts at %.3f s, past the end of %s (%.3f s)", sheet_path.c_str(), i + 1,
                            static_cast<double>(t.start) / CueSheet::kFramesPerSecond, name.c_str(),
-                           h.seconds(h.end)));
+                           h.seconds(h.last)));
         if (!pieces.empty())
             pieces.back().to = from;
         pieces.push_back({from, h.end, t.title, t.performer});
@@ -292,15 +299,13 @@ int run_split(const Args& args)
     ToolClip clip = ToolClip::open(input);
     if (clip.packet_count() < 1)
         fail(input + ": the clip holds no packets");
-    Heard heard{clip.start_trim(), clip.boundaries().back() - clip.end_trim(), clip.info().sample_rate};
-    // A PCM clip counts its short last packet whole; the saved pieces stop
-    // at the file's real end, which its description has (to a few frames:
-    // the duration is a float).
+    const long long end = clip.boundaries().back() - clip.end_trim();
+    Heard heard{clip.start_trim(), end, clip.info().sample_rate, end};
     _kel_clip_info_t file{};
     const int format = clip.info().format;
     if ((format == KEL_FORMAT_WAVE || format == KEL_FORMAT_AIFF || format == KEL_FORMAT_CAF) &&
         kel_file_info(input.c_str(), &file, nullptr) == 0 && file.duration > 0.0f)
-        heard.end = std::clamp(heard.frame(file.duration), heard.begin + 1, heard.end);
+        heard.last = std::clamp(heard.frame(file.duration), heard.begin + 1, heard.end);
     std::vector<Piece> pieces;
     if (o.has("at"))
         pieces = at_times(o, input, heard);
@@ -326,8 +331,9 @@ int run_split(const Args& args)
         s.title = p.title;
         s.artist = p.performer;
         piece.save(names[i], s);
+        const long long to = std::min(p.to, heard.last);
         std::printf("wrote %s: %.6f s to %.6f s (frames %lld to %lld)\n", names[i].c_str(), heard.seconds(p.from),
-                    heard.seconds(p.to), p.from - heard.begin, p.to - heard.begin);
+                    heard.seconds(to), p.from - heard.begin, to - heard.begin);
     }
     std::printf("split %s into %zu pieces\n", input.c_str(), pieces.size());
     return kExitOk;
