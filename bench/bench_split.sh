@@ -42,7 +42,7 @@ verdict() {
     if [ "$(decode_sum "$1")" = "$SOURCE_SUM" ]; then
         echo "identical"
     else
-        echo "differs ($(( ($(decode_len "$1") - SOURCE_LEN) / 4 )) samples longer)"
+        printf "differs (%+d samples)\n" $(( ($(decode_len "$1") - SOURCE_LEN) / 4 ))
     fi
 }
 
@@ -53,7 +53,7 @@ pieces_verdict() {
         echo "identical"
     else
         len=$(for f in "$@"; do ffmpeg -nostdin -v error -i "$f" -f s16le -; done | wc -c)
-        echo "differ ($(( (len - SOURCE_LEN) / 4 )) samples longer)"
+        printf "differ (%+d samples)\n" $(( (len - SOURCE_LEN) / 4 ))
     fi
 }
 
