@@ -6,7 +6,7 @@ _kel()
 {
     local cur=${COMP_WORDS[COMP_CWORD]}
     local prev=${COMP_WORDS[COMP_CWORD-1]}
-    local commands="info cut copy splice gain fade convert peak loudness normalize overview demo explain"
+    local commands="info cut copy splice split join gain fade convert peak loudness normalize overview demo explain"
     COMPREPLY=()
 
     if ((COMP_CWORD == 1)); then
@@ -23,13 +23,15 @@ _kel()
     info) opts="--json" ;;
     cut | copy) opts="$write $batch $range" ;;
     splice) opts="$write --at --packets --insert" ;;
+    split) opts="--at --every --silence --cue --threshold --min-silence --trim -o --output --no-tags --codec" ;;
+    join) opts="-o --output --convert --no-tags --codec" ;;
     gain) opts="$write $batch $range --db" ;;
     fade) opts="$write $batch --in --out" ;;
     convert) opts="$write $batch --rate --bits --bitrate --vbr --lossless" ;;
     peak) opts="$range" ;;
     loudness) opts="-j --jobs --album --tag --json" ;;
     normalize) opts="--target --album --max-true-peak -o --output --out-dir --in-place --no-tags -j --jobs --json" ;;
-    overview) opts="-o --output --width --height $range --text" ;;
+    overview) opts="-o --output --width --height $range --text --format --samples-per-pixel --pixels-per-second --bits --channels" ;;
     demo | explain) opts="" ;;
     *) return ;;
     esac
@@ -40,11 +42,19 @@ _kel()
         return
         ;;
     --format)
-        mapfile -t COMPREPLY < <(compgen -W "wav aif aiff caf mp3 m4a" -- "$cur")
+        local formats="wav aif aiff caf mp3 m4a"
+        [[ ${COMP_WORDS[1]} == overview ]] && formats="dat json"
+        mapfile -t COMPREPLY < <(compgen -W "$formats" -- "$cur")
         return
         ;;
     --bits)
-        mapfile -t COMPREPLY < <(compgen -W "16 24" -- "$cur")
+        local widths="16 24"
+        [[ ${COMP_WORDS[1]} == overview ]] && widths="8 16"
+        mapfile -t COMPREPLY < <(compgen -W "$widths" -- "$cur")
+        return
+        ;;
+    --channels)
+        mapfile -t COMPREPLY < <(compgen -W "mono stereo" -- "$cur")
         return
         ;;
     --out-dir)
@@ -56,7 +66,8 @@ _kel()
         return
         ;;
     --start | --end | --at | --db | --in | --out | --rate | --bitrate | -j | --jobs | --target | \
-        --max-true-peak | --width | --height)
+        --max-true-peak | --width | --height | --every | --threshold | --min-silence | --samples-per-pixel | \
+        --pixels-per-second)
         return # a number
         ;;
     esac

@@ -333,6 +333,15 @@ KEL_API int kel_tags_copy(const char* from, const char* to, int* err);
 KEL_API int kel_tags_set_replaygain(const char* path, double track_gain_db, double track_peak,
                                     double album_gain_db, double album_peak, int* err);
 
+/* Writes a track's title, artist and track number into the tags of the file
+ * at path, the audio and every other tag left as they are (for instance into
+ * a piece of a longer recording whose tags kel_tags_copy has carried over).
+ * A null title or artist, or a track of 0, leaves that field as it is. MP3:
+ * ID3v2 (created when missing) and any ID3v1 or APE tag the file has;
+ * MPEG-4: the ilst items; WAVE: the ID3 chunk and the INFO list; AIFF: the
+ * ID3 chunk. Returns (and leaves in *err) what kel_tags_set_replaygain does. */
+KEL_API int kel_tags_set_track(const char* path, const char* title, const char* artist, int track, int* err);
+
 /* ---- Error objects ---------------------------------------------------- */
 
 /* The error domain of every kel_error_t. */

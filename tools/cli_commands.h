@@ -21,6 +21,8 @@ void add_peak(CommandLine& kel);
 void add_loudness(CommandLine& kel);
 void add_normalize(CommandLine& kel);
 void add_overview(CommandLine& kel);
+void add_split(CommandLine& kel);
+void add_join(CommandLine& kel);
 void add_demo(CommandLine& kel);
 void add_explain(CommandLine& kel);
 

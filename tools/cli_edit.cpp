@@ -195,104 +195,20 @@ SaveSettings output_settings(const EditSettings& o)
     return s;
 }
 
-// For MP3, the synthetic frames that carry the bit reservoir of packet
-// `packet` of `clip` (the main data it keeps in the frames before it);
-// null when it needs none, for other formats, or when they cannot be made
-// (the cut then simply starts with a frame that decodes partly).
-kel_clip_t* padding_frames(const ToolClip& clip, int packet)
-{
-    if (clip.info().format != KEL_FORMAT_MP3 || packet < 0 || packet >= clip.packet_count())
-        return nullptr;
-    int err = 0;
-    kel_clip_t* padding = kel_clip_create_padding_clip(clip.get(), packet, &err);
-    if (err != 0 && padding != nullptr) {
-        kel_clip_close(padding, nullptr);
-        padding = nullptr;
-    }
-    return padding;
-}
-
-// Puts the padding frames (if any) in front of clip's first packet.
-void put_in_front(ToolClip& clip, const ToolClip& frames)
-{
-    if (frames.get() == nullptr)
-        return;
-    int err = 0;
-    kel_clip_insert(clip.get(), 0, frames.get(), &err);
-    if (err != 0)
-        fail_library(err, clip.name());
-    Console::out("put %d padding frames in front for the bit reservoir of the first kept frame\n",
-                frames.packet_count());
-}
-
-// Every format's saved file carries the clip's trims (MP3 in the LAME
-// extension, MPEG-4 in an edit list, PCM by leaving the frames out), so a
-// range can start and end at any frame rather than at packet boundaries.
-bool saves_trims(int format)
-{
-    return format != 0;
-}
-
-// Packets a copy keeps in front of the first one it wants, and trims:
-// MP3's synthesis and AAC's transform overlap each frame with the one
-// before, so the first wanted one decodes as in its source only after it.
-int lead_packets(int format)
-{
-    return format == KEL_FORMAT_MP3 || format == KEL_FORMAT_AAC ? 1 : 0;
-}
-
-// The largest start trim an MP3 file can say: the 12-bit delay field plus
-// the decoder's own delay.
-constexpr int kMaxMp3StartTrim = 4095 + 529;
-
-// A new clip of the frames [from, to) of clip's decode (positions counted
-// from its first packet's first frame), with the packets around them
-// trimmed away: one lead packet in front where the format's decoder needs
-// it, and padding frames for an MP3 bit reservoir.
-ToolClip exact_copy(ToolClip& clip, long long from, long long to)
-{
-    const std::vector<long long>& b = clip.boundaries();
-    const auto packet_at = [&](long long frame) {
-        return static_cast<int>(std::upper_bound(b.begin(), b.end(), frame) - b.begin()) - 1;
-    };
-    const int first = packet_at(from);
-    const int last = packet_at(to - 1);
-    const int format = clip.info().format;
-    for (int lead = std::min(first, lead_packets(format));; --lead) {
-        const int start = first - lead;
-        ToolClip padding(padding_frames(clip, start), clip.name());
-        int err = 0;
-        ToolClip piece(kel_clip_copy(clip.get(), start, last, &err), clip.name());
-        if (piece.get() == nullptr)
-            fail_library(err, clip.name());
-        long long in_front = 0;
-        if (padding.get() != nullptr)
-            in_front = padding.boundaries().back();
-        const long long start_trim = from - b[static_cast<size_t>(start)] + in_front;
-        if (format == KEL_FORMAT_MP3 && start_trim > kMaxMp3StartTrim && lead > 0)
-            continue; // too far for the delay field: no lead frame then
-        put_in_front(piece, padding);
-        if (!kel_clip_set_trims(piece.get(), static_cast<int>(std::min<long long>(start_trim, INT32_MAX)),
-                                static_cast<int>(b[static_cast<size_t>(last) + 1] - to), &err))
-            fail_library(err, clip.name());
-        return piece;
-    }
-}
-
 int keep_or_remove(const EditSettings& o, const std::string& file, const std::string& out, bool keep)
 {
     ToolClip clip = ToolClip::open(file);
-    if (saves_trims(clip.info().format) && !o.range.packets) {
+    if (!o.range.packets) {
         // Frame-exact: the range as players hear the file.
         const FrameRange f = clip.frame_range(o.range);
         const long long begin = clip.start_trim(), end = clip.boundaries().back() - clip.end_trim();
         ToolClip piece(nullptr, clip.name());
         if (keep)
-            piece = exact_copy(clip, f.start, f.end);
+            piece = clip.exact_copy(f.start, f.end);
         else if (f.start <= begin)
-            piece = exact_copy(clip, f.end, end);
+            piece = clip.exact_copy(f.end, end);
         else if (f.end >= end)
-            piece = exact_copy(clip, begin, f.start);
+            piece = clip.exact_copy(begin, f.start);
         if (piece.get() != nullptr) {
             piece.set_tag_source(clip.tag_source());
             const double rate = clip.info().sample_rate;
@@ -309,7 +225,7 @@ int keep_or_remove(const EditSettings& o, const std::string& file, const std::st
     const PacketRange r = clip.range(o.range);
     const std::string what = clip.describe(r);
     // The first frame that will be kept, while its predecessors are there.
-    const ToolClip padding(padding_frames(clip, keep ? r.first : r.first == 0 ? r.last + 1 : -1), clip.name());
+    const ToolClip padding(clip.padding_frames(keep ? r.first : r.first == 0 ? r.last + 1 : -1), clip.name());
     int err = 0;
     ToolClip piece(keep ? kel_clip_copy(clip.get(), r.first, r.last, &err)
                         : kel_clip_cut(clip.get(), r.first, r.last, &err),
@@ -319,7 +235,7 @@ int keep_or_remove(const EditSettings& o, const std::string& file, const std::st
     ToolClip& result = keep ? piece : clip;
     if (result.packet_count() == 0)
         fail(clip.name() + ": the cut takes every packet; nothing would remain");
-    put_in_front(result, padding);
+    result.put_in_front(padding);
     if (keep)
         piece.set_tag_source(clip.tag_source());
     Console::out("%s %s; %d packets, %.3f s left\n", keep ? "kept" : "removed", what.c_str(),

@@ -5,12 +5,16 @@
 #include "cli_common.h"
 #include "clipoverview.h"
 #include "commandline.h"
+#include "console.h"
 #include "pngwriter.h"
 #include "progressbar.h"
 #include "toolclip.h"
+#include "waveformdata.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -42,10 +46,20 @@ const char* const kPeakHelp =
 const char* const kOverviewHelp =
     "usage: kel overview FILE -o wave.png [--width W --height H] [--start T --end T]\n"
     "       kel overview FILE --text [--width W] [--start T --end T]\n"
+    "       kel overview FILE --format dat|json [--samples-per-pixel N |\n"
+    "                    --pixels-per-second N] [--bits 8|16] [--channels mono|stereo] -o OUT\n"
     "\n"
     "Draws the waveform of a file or a range as a PNG picture: per column the\n"
     "extent from the smallest to the largest sample, the RMS level as a\n"
-    "lighter band inside it, and a time axis along the bottom.\n";
+    "lighter band inside it, and a time axis along the bottom.\n"
+    "\n"
+    "With --format dat or json (or an output ending in .dat or .json) it\n"
+    "writes waveform data for web players instead: version 2 of the binary\n"
+    ".dat and the .json format that waveform-data, peaks.js and wavesurfer\n"
+    "read, per pixel and channel the smallest and largest value as an integer\n"
+    "of --bits bits (floor(sample x 32767 or x 127)). The pixels cover the\n"
+    "decoded packets of the range, an MP3's or AAC's encoder delay (25 ms or\n"
+    "less) included.\n";
 
 const char* const kExplainHelp =
     "usage: kel explain CODE [FILE]\n"
@@ -178,7 +192,25 @@ struct ReadSettings {
     int width = 1200;
     int height = 300;
     bool text = false;
+    // waveform data
+    std::string format;
+    long samples_per_pixel = 256;
+    bool samples_per_pixel_given = false;
+    double pixels_per_second = 0.0;
+    int bits = 16;
+    std::string channels = "mono";
 };
+
+// "dat" or "json" for an output of that extension, else empty (a picture).
+std::string data_format_of(const std::string& path)
+{
+    for (const char* ext : {"dat", "json"}) {
+        const std::string suffix = std::string(".") + ext;
+        if (path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0)
+            return ext;
+    }
+    return "";
+}
 
 int run_info(const ReadSettings& o)
 {
@@ -237,10 +269,35 @@ int run_peak(const ReadSettings& o)
 
 int run_overview(const ReadSettings& o)
 {
+    const std::string format = !o.format.empty() ? o.format : o.text ? std::string() : data_format_of(o.output);
+    const bool data = !o.text && !format.empty();
     if (!o.text && o.output.empty())
         fail_usage("overview", "no output file given (-o FILE)");
+    if (o.samples_per_pixel_given && o.pixels_per_second > 0.0)
+        fail_usage("overview", "give --samples-per-pixel or --pixels-per-second, not both");
     ToolClip clip = ToolClip::open(o.files[0]);
     const PacketRange r = clip.range(o.range);
+    if (data) {
+        const _kel_clip_info_t info = clip.info();
+        const int rate = static_cast<int>(std::lround(info.sample_rate));
+        long spp = o.samples_per_pixel;
+        if (o.pixels_per_second > 0.0)
+            spp = std::max(1L, std::lround(rate / o.pixels_per_second));
+        const bool stereo = o.channels == "stereo";
+        if (stereo && info.channels != 2)
+            fail(clip.name() + ": --channels stereo needs a two-channel file");
+        WaveformData wave(rate, static_cast<int>(spp), o.bits, stereo ? 2 : 1);
+        if (stereo) {
+            wave.fill_stereo(clip, r);
+        } else {
+            ClipOverview overview(clip);
+            wave.fill_mono(overview, clip, r);
+        }
+        wave.write(o.output, format == "json");
+        Console::out("wrote %s (%d pixels of %ld samples, %d-bit, %s) from %s\n", o.output.c_str(), wave.length(), spp,
+                     o.bits, o.channels.c_str(), clip.describe(r).c_str());
+        return kExitOk;
+    }
     ClipOverview overview(clip);
     if (o.text) {
         overview.print_text(r, o.width);
@@ -302,7 +359,32 @@ void add_overview(CommandLine& kel)
     c.add_flag("--text", s->text,
                "print the W (maximum, minimum) pairs instead, one\n"
                "line per column: column, time in seconds of the\n"
-               "column's left edge, maximum, minimum");
+               "column's left edge, maximum, minimum");    c.add_option("--format", s->format,
+                 "write waveform data instead of a picture (default:\n"
+                 "taken from the extension of -o when it is .dat or .json)")
+        ->type_name("dat|json")
+        ->check(CLI::IsMember({"dat", "json"}));
+    c.add_option_function<long>(
+         "--samples-per-pixel",
+         [s](const long& n) {
+             s->samples_per_pixel = n;
+             s->samples_per_pixel_given = true;
+         },
+         "frames per pixel (default 256); the last pixel\ntakes what remains")
+        ->type_name("N")
+        ->check(CLI::Range(1L, static_cast<long>(INT32_MAX)));
+    CommandLine::add_number(c, "--pixels-per-second", s->pixels_per_second,
+                            "the same as a rate: the file's sample rate / N,\nrounded", "N")
+        ->check(CLI::PositiveNumber);
+    c.add_option("--bits", s->bits, "width of the values (default 16)")->type_name("8|16")->check(CLI::IsMember({8, 16}));
+    c.add_option("--channels", s->channels,
+                 "mono (default): one channel, the library's overview\n"
+                 "of (left + right) / 2, whose extent always spans zero,\n"
+                 "the values of --text; stereo: two channels, each\n"
+                 "one's own extremes from a decode (two-channel files\n"
+                 "only)")
+        ->type_name("mono|stereo")
+        ->check(CLI::IsMember({"mono", "stereo"}));
 }
 
 } // namespace KEL::cli

@@ -41,11 +41,13 @@ namespace {
 using namespace KEL::cli;
 
 // Every subcommand, in the order "kel --help" lists them.
-static constexpr std::array<void (*)(CommandLine&), 13> kRegistrations{{
+static constexpr std::array<void (*)(CommandLine&), 15> kRegistrations{{
     add_info,      // describe files
     add_cut,       // remove a range
     add_copy,      // keep a range
     add_splice,    // insert a file
+    add_split,     // pieces at times, silences or a cue sheet
+    add_join,      // several files as one
     add_gain,      // loudness of a file or range
     add_fade,      // fades in and out
     add_convert,   // another format, rate or width

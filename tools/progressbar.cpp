@@ -28,10 +28,19 @@ extern "C" void on_sigint(int)
 // Test hook: KEL_CLI_INTERRUPT=LABEL raises SIGINT from inside the first
 // progress callback of the bar with that label, so that a test can cancel
 // a given step exactly as Ctrl-C would, without racing the clock.
+// LABEL:N picks the Nth bar of that label (a command that saves several
+// files), counted from 1.
 bool hook_wanted(const std::string& label)
 {
     const char* target = std::getenv("KEL_CLI_INTERRUPT");
-    return target != nullptr && label == target;
+    if (target == nullptr)
+        return false;
+    const std::string wanted = target;
+    const size_t colon = wanted.find(':');
+    if (wanted.compare(0, colon, label) != 0)
+        return false;
+    static int seen = 0;
+    return colon == std::string::npos || ++seen == std::atoi(wanted.c_str() + colon + 1);
 }
 
 } // namespace

@@ -117,6 +117,34 @@ void copy_tags(const std::string& source, const std::string& written, const std:
                      target.c_str(), source.c_str(), code_text(err).c_str());
 }
 
+// Packets a copy keeps in front of the first one it wants, and trims:
+// MP3's synthesis and AAC's transform overlap each frame with the one
+// before, so the first wanted one decodes as in its source only after it.
+int lead_packets(int format)
+{
+    return format == KEL_FORMAT_MP3 || format == KEL_FORMAT_AAC ? 1 : 0;
+}
+
+// The largest start trim an MP3 file can say: the 12-bit delay field plus
+// the decoder's own delay.
+constexpr int kMaxMp3StartTrim = 4095 + 529;
+
+// A piece's own title, artist and number over the tags carried into it;
+// a file that cannot take them keeps its audio and says so.
+void set_track_tags(const SaveSettings& s, const std::string& written, const std::string& target, int format)
+{
+    int err = 0;
+    kel_tags_set_track(written.c_str(), s.title.empty() ? nullptr : s.title.c_str(),
+                       s.artist.empty() ? nullptr : s.artist.c_str(), s.track, &err);
+    if (err == 0)
+        return;
+    if (err != KEL_ERR_SAVED_WITH_ERRORS && err != KEL_ERR_UNSUPPORTED)
+        fail_library(err, target);
+    Console::err("kel: warning: %s: %s; its title and track number were left out (%s)\n", target.c_str(),
+                 format == KEL_FORMAT_CAF ? "CAF files take no tags" : "the tags could not be written",
+                 code_text(err).c_str());
+}
+
 } // namespace
 
 ToolClip ToolClip::try_open(const std::string& path, int& error)
@@ -335,6 +363,61 @@ FrameRange ToolClip::frame_range(const RangeSettings& o)
     return {first + start_trim(), last + start_trim()};
 }
 
+kel_clip_t* ToolClip::padding_frames(int packet) const
+{
+    if (info().format != KEL_FORMAT_MP3 || packet < 0 || packet >= packet_count())
+        return nullptr;
+    int err = 0;
+    kel_clip_t* padding = kel_clip_create_padding_clip(clip_, packet, &err);
+    if (err != 0 && padding != nullptr) {
+        kel_clip_close(padding, nullptr);
+        padding = nullptr;
+    }
+    return padding;
+}
+
+void ToolClip::put_in_front(const ToolClip& frames)
+{
+    if (frames.get() == nullptr)
+        return;
+    int err = 0;
+    kel_clip_insert(clip_, 0, frames.get(), &err);
+    if (err != 0)
+        fail_library(err, name_);
+    Console::out("put %d padding frames in front for the bit reservoir of the first kept frame\n",
+                frames.packet_count());
+}
+
+ToolClip ToolClip::exact_copy(long long from, long long to)
+{
+    const std::vector<long long>& b = boundaries();
+    const auto packet_at = [&](long long frame) {
+        return static_cast<int>(std::upper_bound(b.begin(), b.end(), frame) - b.begin()) - 1;
+    };
+    const int first = packet_at(from);
+    const int last = packet_at(to - 1);
+    const int format = info().format;
+    for (int lead = std::min(first, lead_packets(format));; --lead) {
+        const int start = first - lead;
+        ToolClip padding(padding_frames(start), name_);
+        int err = 0;
+        ToolClip piece(kel_clip_copy(clip_, start, last, &err), name_);
+        if (piece.get() == nullptr)
+            fail_library(err, name_);
+        long long in_front = 0;
+        if (padding.get() != nullptr)
+            in_front = padding.boundaries().back();
+        const long long start_trim = from - b[static_cast<size_t>(start)] + in_front;
+        if (format == KEL_FORMAT_MP3 && start_trim > kMaxMp3StartTrim && lead > 0)
+            continue; // too far for the delay field: no lead frame then
+        piece.put_in_front(padding);
+        if (!kel_clip_set_trims(piece.get(), static_cast<int>(std::min<long long>(start_trim, INT32_MAX)),
+                                static_cast<int>(b[static_cast<size_t>(last) + 1] - to), &err))
+            fail_library(err, name_);
+        return piece;
+    }
+}
+
 std::string ToolClip::describe(PacketRange r)
 {
     return strprintf("packets %d..%d (%.3f s to %.3f s)", r.first, r.last, seconds_at(r.first), seconds_at(r.last + 1));
@@ -427,6 +510,8 @@ void ToolClip::save(const std::string& path, const SaveSettings& settings)
         warn_library(err, path);
     if (settings.tags)
         copy_tags(tag_source_, partial.path(), path, t.format);
+    if (!settings.title.empty() || !settings.artist.empty() || settings.track > 0)
+        set_track_tags(settings, partial.path(), path, t.format);
     // Readers (this library's scan, ffmpeg's probe) recognise an MP3 stream
     // by two frames in a row, so one frame alone is not found again. The
     // file is what was asked for and is kept, but the status says it will

@@ -46,6 +46,10 @@ struct SaveSettings {
     int codec = 0;
     // Whether the output carries the tags of the clip's source file.
     bool tags = true;
+    // Written over the carried tags when set (a piece of a split).
+    std::string title;
+    std::string artist;
+    int track = 0;
 };
 
 class ToolClip {
@@ -94,6 +98,21 @@ public:
     // --start/--end in seconds of what players hear, to the nearest frame;
     // absent ends mean the heard ends. Refuses empty ranges.
     FrameRange frame_range(const RangeSettings& range);
+
+    // A new clip of the frames [from, to) of this clip's decode (positions
+    // counted from its first packet's first frame), frame-exact in every
+    // format: the packets around them are trimmed away by the saved file
+    // (MP3 in the LAME extension, MPEG-4 in an edit list, PCM by leaving
+    // the frames out), with one lead packet in front where the decoder
+    // needs it (MP3, AAC) and padding frames for an MP3 bit reservoir.
+    ToolClip exact_copy(long long from, long long to);
+    // For MP3, the synthetic frames that carry the bit reservoir of
+    // `packet` (the main data it keeps in the frames before it); null when
+    // it needs none, for other formats, or when they cannot be made (a
+    // piece then starts with a frame that decodes partly).
+    kel_clip_t* padding_frames(int packet) const;
+    // Puts padding frames (if any) in front of the first packet.
+    void put_in_front(const ToolClip& frames);
 
     // Writes the clip to `path`. The extension picks the format; when it
     // differs from the clip's or settings change a parameter, the clip is

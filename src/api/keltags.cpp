@@ -5,6 +5,7 @@
 
 #include "tags/loudnesstags.h"
 #include "tags/tagcopier.h"
+#include "tags/tracktags.h"
 
 #include <cmath>
 
@@ -44,6 +45,25 @@ int kel_tags_set_replaygain(const char* path, double track_gain_db, double track
     const bool album = std::isfinite(album_gain_db) && album_peak >= 0.0;
     try {
         *code = KEL::LoudnessTags::write(path, {track_gain_db, track_peak, album, album_gain_db, album_peak});
+    } catch (const std::bad_alloc&) {
+        *code = KEL_ERR_UNKNOWN;
+    } catch (...) {
+        *code = KEL_ERR_INTERNAL;
+    }
+    return *code;
+}
+
+int kel_tags_set_track(const char* path, const char* title, const char* artist, int track, int* err)
+{
+    int scratch = 0;
+    int* code = err != nullptr ? err : &scratch;
+    *code = 0;
+    if (path == nullptr || *path == '\0' || track < 0) {
+        *code = KEL_ERR_PARAMETER;
+        return *code;
+    }
+    try {
+        *code = KEL::TrackTags::write(path, {title, artist, static_cast<unsigned>(track)});
     } catch (const std::bad_alloc&) {
         *code = KEL_ERR_UNKNOWN;
     } catch (...) {

@@ -251,6 +251,63 @@ class CliTest(unittest.TestCase):
             if amp > 0.5:  # the RMS band shows inside the extent in its own colour
                 self.assertNotEqual(column[round(half)], column[drawn[0]], msg=f"column {x}")
 
+    def test_split_by_cue_and_silence_refusing_bad_input(self):
+        # Tone, 60000 frames of silence, tone: 130000 frames.
+        source = self.path("two.wav")
+        write_wave(source, 130000, lambda i: 0.0 if 30000 <= i < 90000 else 0.5 * math.sin(i / 5))
+        samples = read_wave(source)
+        cue = self.path("two.cue")
+        Path(cue).write_text('PERFORMER "Band"\nFILE "two.wav" WAVE\n  TRACK 01 AUDIO\n    TITLE "A/B"\n'
+                             '    INDEX 01 00:00:00\n  TRACK 02 AUDIO\n    TITLE "C"\n    PERFORMER "Guest"\n'
+                             '    INDEX 01 00:01:00\n  TRACK 03 AUDIO\n    TITLE "D"\n    INDEX 01 00:02:30\n')
+        pattern = self.path("{n:02} {title} {performer}.wav")
+        run("split", source, "--cue", cue, "-o", pattern)
+        names = ["01 A_B Band.wav", "02 C Guest.wav", "03 D Band.wav"]
+        pieces = [read_wave(self.path(n)) for n in names]
+        self.assertEqual([len(p) for p in pieces], [44100, 105840 - 44100, 130000 - 105840])
+        self.assertEqual(sum(pieces, []), samples)
+        tags = [json.loads(subprocess.run(["ffprobe", "-v", "error", "-show_entries", "format_tags", "-of", "json",
+                                           self.path(n)], capture_output=True, text=True).stdout)["format"]["tags"]
+                for n in names]
+        self.assertEqual([(t["title"], t["artist"], t["track"]) for t in tags],
+                         [("A/B", "Band", "1"), ("C", "Guest", "2"), ("D", "Band", "3")])
+
+        # Split in the gap's middle, or leave it out: the tone is whole
+        # either way, the silence kept to within a packet.
+        text = run("split", source, "--silence", "--min-silence", 1, "-o", self.path("s{n}.wav")).stdout
+        halves = [read_wave(self.path("s1.wav")), read_wave(self.path("s2.wav"))]
+        self.assertEqual(halves[0] + halves[1], samples)
+        run("join", self.path("s1.wav"), self.path("s2.wav"), "-o", self.path("s.wav"))
+        self.assertEqual(read_wave(self.path("s.wav")), samples)
+        self.assertAlmostEqual(len(halves[0]), 60000, delta=PACKET)
+        text = run("split", source, "--silence", "--min-silence", 1, "--trim", "-o", self.path("t{n}.wav")).stdout
+        spans = [tuple(map(int, line.split("frames ")[1].rstrip(")").split(" to ")))
+                 for line in text.splitlines() if line.startswith("wrote")]
+        self.assertEqual(len(spans), 2, text)
+        self.assertTrue(spans[0][0] == 0 and 30000 <= spans[0][1] < 30000 + PACKET, spans)
+        self.assertTrue(90000 - PACKET < spans[1][0] <= 90000 and spans[1][1] == 130000, spans)
+        for n, (a, b) in enumerate(spans, 1):
+            self.assertEqual(read_wave(self.path(f"t{n}.wav")), samples[a:b])
+
+        # Bad sheets and names: one line, nothing written.
+        before = sorted(os.listdir(self.dir))
+        for args, message in ((["--cue", self.path("late.cue")], "past the end"),
+                              (["--cue", self.path("order.cue")], "not after track 2"),
+                              (["--cue", self.path("missing.cue")], "cannot be read"),
+                              (["--at", "1,2", "-o", self.path("same.wav")], "two pieces would be written"),
+                              (["--at", "1", "-o", source], "over the input")):
+            Path(self.path("late.cue")).write_text(Path(cue).read_text().replace("00:02:30", "00:09:00"))
+            Path(self.path("order.cue")).write_text(Path(cue).read_text().replace("00:02:30", "00:00:30"))
+            p = run("split", source, *args, status=1)
+            self.assertIn(message, p.stderr)
+            self.assertEqual(len(p.stderr.splitlines()), 1, p.stderr)
+            self.assertEqual(sorted(os.listdir(self.dir)), sorted(before + ["late.cue", "order.cue"]))
+        # Ctrl-C while the second piece is saved: the first stays whole.
+        p = run("split", source, "--at", "1,2", "-o", self.path("c{n}.wav"), status=130,
+                env={"KEL_CLI_INTERRUPT": "save:2"})
+        self.assertEqual(read_wave(self.path("c1.wav")), samples[:44100])
+        self.assertEqual(sorted(os.listdir(self.dir)), sorted(before + ["late.cue", "order.cue", "c1.wav"]))
+
     def test_convert_changes_format_rate_and_width(self):
         out = self.path("out.aif")
         p = run("convert", self.markers, "-o", out, "--rate", 22050, "--bits", 24)

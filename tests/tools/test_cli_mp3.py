@@ -145,6 +145,37 @@ class Mp3Commands(unittest.TestCase):
             self.assertEqual(len(got), count)
             self.assertLess(max(abs(a - b) for a, b in zip(source[start:start + count], got)), 1e-6, command)
 
+    def test_split_and_join_play_the_source_sample_for_sample(self):
+        source = heard(self.mp3)
+        run("split", self.mp3, "--every", 0.7, "-o", self.path("piece{n}.mp3"))
+        pieces = [heard(self.path(f"piece{n}.mp3")) for n in range(1, 6)]
+        self.assertEqual([len(p) for p in pieces], [30870] * 4 + [3 * 44100 - 4 * 30870])
+        self.assertEqual(sum(pieces, ()), source)
+        for n in range(1, 6):
+            tags = probe("-show_entries", "format_tags=title,track", "-of", "csv=p=0", self.path(f"piece{n}.mp3"))
+            self.assertEqual(tags.strip(), f"KEL title,{n}")
+        # Joined back, the seams play the source; pieces that did not touch
+        # get the frames carrying the second's reservoir and decode clean.
+        pieces = [self.path(f"piece{n}.mp3") for n in range(1, 6)]
+        self.assertIn("4 of 4 seams sample-exact", run("join", *pieces, "-o", self.path("joined.mp3")))
+        self.assertEqual(heard(self.path("joined.mp3")), source)
+        text = run("join", pieces[0], pieces[2], "-o", self.path("gap.mp3"))
+        self.assertIn("put 2 padding frames", text)
+        self.assertEqual(decoded_frames(self.path("gap.mp3")), len(frame_positions(self.path("gap.mp3"))) * 1152)
+        self.assertLessEqual(max(map(abs, heard(self.path("gap.mp3")))), 1.0)
+        other = self.path("other.mp3")
+        subprocess.run(["lame", "--quiet", "--resample", "48", self.wav, other], check=True)
+        p = subprocess.run([KEL, "join", pieces[0], other, "-o", self.path("no.mp3")], capture_output=True, text=True)
+        self.assertEqual((p.returncode, p.stderr.strip()),
+                         (1, f"kel: {other} does not fit {pieces[0]}: 48000 Hz, not 44100 Hz (--convert transcodes it)"))
+        run("join", pieces[0], other, "--convert", "-o", self.path("yes.mp3"))
+        # Plus what plays at the seam: the first piece's end padding, the
+        # 48 kHz file's own delay and padding, resampled.
+        self.assertAlmostEqual(len(heard(self.path("yes.mp3"))), 30870 + 3 * 44100, delta=4 * 1152)
+        p = subprocess.run([KEL, "join", pieces[0], "-o", self.path("no.mp3")], capture_output=True)
+        self.assertEqual(p.returncode, 2)
+        self.assertFalse(os.path.exists(self.path("no.mp3")))
+
     def test_impossible_lame_fields_are_ignored(self):
         # Delay and padding of 4095 each on a file of 0.1 s: more than the
         # file holds, so the clip keeps every frame and saves no extension.

@@ -1,0 +1,89 @@
+#include "tags/tracktags.h"
+
+#include "core/errorcodes.h"
+#include "tags/scratchcopy.h"
+#include "tags/tagcopier.h"
+
+#include <aifffile.h>
+#include <id3v2tag.h>
+#include <mp4file.h>
+#include <mpegfile.h>
+#include <tfilestream.h>
+#include <wavfile.h>
+
+namespace KEL {
+
+namespace {
+
+using Container = TagCopier::Container;
+
+void set(TagLib::Tag& tag, const TrackFields& f)
+{
+    if (f.title != nullptr)
+        tag.setTitle(TagLib::String(f.title, TagLib::String::UTF8));
+    if (f.artist != nullptr)
+        tag.setArtist(TagLib::String(f.artist, TagLib::String::UTF8));
+    if (f.track != 0)
+        tag.setTrack(f.track);
+}
+
+// Writes the fields into the file at path; false when TagLib cannot.
+bool save(Container container, const std::string& path, const TrackFields& fields)
+{
+    TagLib::FileStream stream(path.c_str());
+    if (!stream.isOpen() || stream.readOnly())
+        return false;
+    switch (container) {
+    case Container::MPEG: {
+        TagLib::MPEG::File file(&stream, TagLib::ID3v2::FrameFactory::instance(), false);
+        if (!file.isValid())
+            return false;
+        file.ID3v2Tag(true);
+        set(*file.tag(), fields); // every tag the file has, ID3v2 among them
+        return file.save(TagLib::MPEG::File::AllTags, TagLib::File::StripNone, TagLib::ID3v2::v4,
+                         TagLib::File::DoNotDuplicate);
+    }
+    case Container::MP4: {
+        TagLib::MP4::File file(&stream, false);
+        if (!file.isValid() || file.tag() == nullptr)
+            return false;
+        set(*file.tag(), fields);
+        return file.save();
+    }
+    case Container::WAVE: {
+        TagLib::RIFF::WAV::File file(&stream, false);
+        if (!file.isValid())
+            return false;
+        set(*file.tag(), fields); // the ID3 chunk and the INFO list alike
+        return file.save(TagLib::RIFF::WAV::File::AllTags, TagLib::File::StripNone);
+    }
+    case Container::AIFF: {
+        TagLib::RIFF::AIFF::File file(&stream, false);
+        if (!file.isValid() || file.tag() == nullptr)
+            return false;
+        set(*file.tag(), fields);
+        return file.save();
+    }
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+int TrackTags::write(const std::string& path, const TrackFields& fields)
+{
+    int code = 0;
+    const Container container = TagCopier::container_of(path, code);
+    if (code != 0)
+        return code;
+    if (container == Container::Unknown || container == Container::CAF)
+        return kErrUnsupported;
+    // Edited as a copy that replaces the file only when TagLib saved it.
+    ScratchCopy scratch(path);
+    if (!scratch.ok() || !save(container, scratch.path(), fields) || !scratch.replace())
+        return kErrSavedWithErrors;
+    return 0;
+}
+
+} // namespace KEL
