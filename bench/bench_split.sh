@@ -4,7 +4,9 @@
 # demuxer, mp3splt having no join) and ffmpeg -c copy (segment muxer, concat
 # demuxer), all on the same file in the same run. Prints the times side by
 # side and whether each joined file decodes (ffmpeg) sample for sample like
-# the source, or by how many samples its length differs.
+# the source, or by how many samples its length differs. Then splits an hour
+# of tracks and silences at the silences, as WAVE and as MP3, beside sox and
+# mp3splt, with the file cold and cached.
 #
 # usage: bench/bench_split.sh [PATH_TO_KEL] [WORK_DIR]
 #   PATH_TO_KEL  default build/tools/kel
@@ -100,3 +102,47 @@ printf "%-24s %7s %7s   %-28s %s\n" "tool" "split" "join" "joined file" "pieces 
 printf "%-24s %7s %7s   %-28s %s\n" "kel split / join" "$KEL_SPLIT" "$KEL_JOIN" "$KEL_SAME" "$KEL_PIECES"
 printf "%-24s %7s %7s   %-28s %s\n" "mp3splt / ffmpeg concat" "$SPLT_SPLIT" "$SPLT_JOIN" "$SPLT_SAME" "$SPLT_PIECES"
 printf "%-24s %7s %7s   %-28s %s\n" "ffmpeg segment / concat" "$FF_SPLIT" "$FF_JOIN" "$FF_SAME" "$FF_PIECES"
+
+# Silence split: an hour of 20 tracks (pink noise, 175 s each) with 2.5 s
+# of silence after each, as WAVE and as MP3; kel split --silence against
+# sox's silence effect (WAVE) and mp3splt -s (MP3), each first with the
+# file dropped from the page cache (cold) and then again (cached).
+if [ ! -f silences.mp3 ]; then
+    echo "making one hour of tracks and silences in $WORK ..."
+    sox -n -r 44100 -c 2 -b 16 track.wav synth 175 pinknoise gain -8 pad 0 2.5
+    sox track.wav silences.wav repeat 19
+    lame --quiet -b 128 silences.wav silences.mp3
+    rm -f track.wav
+fi
+# GNU dd with nocache and no count drops a file's pages from the cache.
+uncache() { dd if="$1" iflag=nocache count=0 status=none; }
+timed() {
+    t0=$(now)
+    "$@" > /dev/null 2>&1
+    elapsed "$t0" "$(now)"
+}
+count() { find "$1" -type f | wc -l; }
+
+rm -rf sil && mkdir -p sil/kel-wav sil/kel-mp3 sil/sox sil/splt
+uncache silences.wav
+KEL_WAV_COLD=$(timed "$KEL" split silences.wav --silence --min-silence 2 -o 'sil/kel-wav/{n:02}.wav')
+KEL_WAV_WARM=$(timed "$KEL" split silences.wav --silence --min-silence 2 -o 'sil/kel-wav/{n:02}.wav')
+uncache silences.wav
+SOX_COLD=$(timed sox silences.wav sil/sox/t.wav silence 1 0.01 -50d 1 2.0 -50d : newfile : restart)
+rm -f sil/sox/*
+SOX_WARM=$(timed sox silences.wav sil/sox/t.wav silence 1 0.01 -50d 1 2.0 -50d : newfile : restart)
+uncache silences.mp3
+KEL_MP3_COLD=$(timed "$KEL" split silences.mp3 --silence --min-silence 2 -o 'sil/kel-mp3/{n:02}.mp3')
+KEL_MP3_WARM=$(timed "$KEL" split silences.mp3 --silence --min-silence 2 -o 'sil/kel-mp3/{n:02}.mp3')
+uncache silences.mp3
+SPLT_COLD=$(timed mp3splt -q -f -s -p th=-50,min=2 -d sil/splt silences.mp3)
+rm -f sil/splt/*
+SPLT_WARM=$(timed mp3splt -q -f -s -p th=-50,min=2 -d sil/splt silences.mp3)
+
+echo
+echo "silence split of one hour (20 tracks, 2.5 s gaps), seconds cold / cached, pieces:"
+printf "%-24s %7s %7s   %s\n" "tool" "cold" "cached" "pieces"
+printf "%-24s %7s %7s   %s\n" "kel split WAVE" "$KEL_WAV_COLD" "$KEL_WAV_WARM" "$(count sil/kel-wav)"
+printf "%-24s %7s %7s   %s\n" "sox silence WAVE" "$SOX_COLD" "$SOX_WARM" "$(count sil/sox)"
+printf "%-24s %7s %7s   %s\n" "kel split MP3" "$KEL_MP3_COLD" "$KEL_MP3_WARM" "$(count sil/kel-mp3)"
+printf "%-24s %7s %7s   %s\n" "mp3splt -s MP3" "$SPLT_COLD" "$SPLT_WARM" "$(count sil/splt)"

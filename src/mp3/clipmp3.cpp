@@ -53,6 +53,36 @@ WordRead read_word(FILE* f, long long pos, unsigned int& word)
     return WordRead::ok;
 }
 
+// The scans read a 4-byte word at every frame, and a byte further at every
+// step through junk: through a window of the file rather than a seek and a
+// read of the stream each, which cost two system calls per frame.
+class WordReader {
+public:
+    explicit WordReader(FILE* f) : f_(f) {}
+
+    // The big-endian word at pos; end_of_file when fewer than 4 bytes are left.
+    WordRead read(long long pos, unsigned int& word)
+    {
+        if (pos < base_ || pos + 4 > base_ + static_cast<long long>(length_)) {
+            length_ = 0;
+            base_ = pos;
+            if (fseeko(f_, pos, SEEK_SET) != 0)
+                return WordRead::failed;
+            length_ = std::fread(window_.data(), 1, window_.size(), f_);
+            if (length_ < 4)
+                return std::feof(f_) ? WordRead::end_of_file : WordRead::failed;
+        }
+        word = mpeg_header_word(window_.data() + (pos - base_));
+        return WordRead::ok;
+    }
+
+private:
+    FILE* f_;
+    std::vector<unsigned char> window_ = std::vector<unsigned char>(65536);
+    long long base_ = 0;
+    size_t length_ = 0;
+};
+
 // Size of an open file in bytes, or -1; the position is left at pos.
 long long file_size(FILE* f, long long pos)
 {
@@ -138,9 +168,10 @@ int find_stream(FILE* f, long long pos, bool confident, Candidate& start, bool& 
     Candidate candidate;
     found = false;
 
-    while (!std::feof(f)) {
+    WordReader reader(f);
+    for (;;) {
         unsigned int word = 0;
-        const WordRead got = read_word(f, pos, word);
+        const WordRead got = reader.read(pos, word);
         if (got != WordRead::ok) {
             if (!confident)
                 return kErrFormatUnrecognized;
@@ -182,7 +213,6 @@ int find_stream(FILE* f, long long pos, bool confident, Candidate& start, bool& 
         pos = candidate.position + 1;
         have_candidate = false;
     }
-    return 0;
 }
 
 // What a frame must match to belong to a loaded stream.
@@ -208,9 +238,10 @@ template <typename Take>
 int walk_stream(FILE* f, long long pos, long long size, const StreamMatch& match, ProgressThrottle& throttle,
                 Take take)
 {
+    WordReader reader(f);
     for (;;) {
         unsigned int word = 0;
-        const WordRead got = read_word(f, pos, word);
+        const WordRead got = reader.read(pos, word);
         if (got == WordRead::end_of_file)
             return 0;
         if (got == WordRead::failed)

@@ -219,6 +219,9 @@ int Mp3Saver::save(ClipMP3& clip, const char* path, const void* block1, int bloc
     file_ = std::fopen(path, "w+");
     if (file_ == nullptr)
         return errno == EISDIR ? EISDIR : kErrOpenWrite;
+    // Frames go out a few hundred bytes at a time: a buffer of 64 KiB
+    // rather than stdio's 4 KiB writes a file in a sixteenth of the calls.
+    std::setvbuf(file_, nullptr, _IOFBF, 1 << 16);
     if (clip.packet_count <= 0 || clip.packets == nullptr)
         return fail(kErrEmpty);
     if (block1 == nullptr || block1_len < 0)

@@ -54,11 +54,8 @@ void set_txxx(TagLib::ID3v2::Tag& tag, const Fields& fields)
 }
 
 // Writes the fields into the file at path; false when TagLib cannot.
-bool save(Container container, const std::string& path, const Fields& fields)
+bool save(Container container, TagLib::IOStream& stream, const Fields& fields)
 {
-    TagLib::FileStream stream(path.c_str());
-    if (!stream.isOpen() || stream.readOnly())
-        return false;
     switch (container) {
     case Container::MPEG: {
         TagLib::MPEG::File file(&stream, TagLib::ID3v2::FrameFactory::instance(), false);
@@ -110,7 +107,7 @@ int LoudnessTags::write(const std::string& path, const ReplayGainValues& values)
         return kErrUnsupported;
     // Edited as a copy that replaces the file only when TagLib saved it.
     ScratchCopy scratch(path);
-    if (!scratch.ok() || !save(container, scratch.path(), fields_of(values)) || !scratch.replace())
+    if (!scratch.ok() || !save(container, scratch.stream(), fields_of(values)) || !scratch.replace())
         return kErrSavedWithErrors;
     return 0;
 }

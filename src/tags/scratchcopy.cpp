@@ -1,5 +1,9 @@
 #include "tags/scratchcopy.h"
 
+#include <tbytevector.h>
+#include <tbytevectorstream.h>
+#include <tfilestream.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,13 +25,32 @@ ScratchCopy::ScratchCopy(std::string target) : target_(std::move(target))
         ::close(in);
         return;
     }
-    std::string name = target_ + ".kel-tags-XXXXXX";
-    const int out = mkostemp(name.data(), O_CLOEXEC);
-    if (out >= 0) {
-        path_ = name;
-        const bool copied = copy_bytes(in, out) && fchmod(out, st.st_mode & 07777) == 0;
-        if (::close(out) != 0 || !copied)
+    mode_ = st.st_mode & 07777;
+    if (st.st_size <= kMaxInMemory) {
+        bytes_ = std::make_unique<TagLib::ByteVector>(static_cast<unsigned int>(st.st_size), '\0');
+        size_t done = 0;
+        while (done < bytes_->size()) {
+            const ssize_t got = ::read(in, bytes_->data() + done, bytes_->size() - done);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0)
+                break;
+            done += static_cast<size_t>(got);
+        }
+        // A file that changed size while read is not edited.
+        if (done == bytes_->size())
+            stream_ = std::make_unique<TagLib::ByteVectorStream>(*bytes_);
+        bytes_.reset();
+    } else if (make_scratch(mode_)) {
+        const int out = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+        const bool copied = out >= 0 && copy_bytes(in, out);
+        if (out < 0 || ::close(out) != 0 || !copied) {
             discard();
+        } else {
+            stream_ = std::make_unique<TagLib::FileStream>(path_.c_str());
+            if (!static_cast<TagLib::FileStream&>(*stream_).isOpen())
+                discard();
+        }
     }
     ::close(in);
 }
@@ -39,17 +62,62 @@ ScratchCopy::~ScratchCopy()
 
 bool ScratchCopy::replace()
 {
-    if (path_.empty() || std::rename(path_.c_str(), target_.c_str()) != 0)
+    if (stream_ == nullptr)
         return false;
+    if (path_.empty()) {
+        // Edited in memory: written out beside the target first.
+        const TagLib::ByteVector& data = *static_cast<TagLib::ByteVectorStream&>(*stream_).data();
+        if (!make_scratch(mode_))
+            return false;
+        const int out = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+        const bool written = out >= 0 && write_bytes(out, data.data(), data.size());
+        if (out < 0 || ::close(out) != 0 || !written) {
+            discard();
+            return false;
+        }
+    }
+    stream_.reset(); // a file stream writes its last bytes as it closes
+    if (std::rename(path_.c_str(), target_.c_str()) != 0) {
+        discard();
+        return false;
+    }
     path_.clear();
+    return true;
+}
+
+bool ScratchCopy::make_scratch(unsigned int mode)
+{
+    std::string name = target_ + ".kel-tags-XXXXXX";
+    const int fd = mkostemp(name.data(), O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    path_ = name;
+    if (fchmod(fd, mode) != 0 || ::close(fd) != 0) {
+        discard();
+        return false;
+    }
     return true;
 }
 
 void ScratchCopy::discard()
 {
+    stream_.reset();
     if (!path_.empty())
         ::unlink(path_.c_str());
     path_.clear();
+}
+
+bool ScratchCopy::write_bytes(int out, const char* data, size_t size)
+{
+    for (size_t done = 0; done < size;) {
+        const ssize_t put = ::write(out, data + done, size - done);
+        if (put < 0 && errno == EINTR)
+            continue;
+        if (put <= 0)
+            return false;
+        done += static_cast<size_t>(put);
+    }
+    return true;
 }
 
 bool ScratchCopy::copy_bytes(int in, int out)
@@ -61,14 +129,8 @@ bool ScratchCopy::copy_bytes(int in, int out)
             continue;
         if (got <= 0)
             return got == 0;
-        for (ssize_t done = 0; done < got;) {
-            const ssize_t put = ::write(out, buffer.data() + done, static_cast<size_t>(got - done));
-            if (put < 0 && errno == EINTR)
-                continue;
-            if (put <= 0)
-                return false;
-            done += put;
-        }
+        if (!write_bytes(out, buffer.data(), static_cast<size_t>(got)))
+            return false;
     }
 }
 

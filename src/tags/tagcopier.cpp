@@ -457,11 +457,8 @@ bool save_aiff(TagLib::IOStream& stream, const Snapshot& s)
     return file.save(s.id3v2_version);
 }
 
-bool save_tags(Container container, const std::string& path, const Snapshot& s)
+bool save_tags(Container container, TagLib::IOStream& stream, const Snapshot& s)
 {
-    TagLib::FileStream stream(path.c_str(), false);
-    if (!stream.isOpen() || stream.readOnly())
-        return false;
     switch (container) {
     case Container::MPEG:
         return save_mpeg(stream, s);
@@ -477,11 +474,10 @@ bool save_tags(Container container, const std::string& path, const Snapshot& s)
 }
 
 // TagLib's own reading of what it wrote: the file must parse as before.
-bool reads_back(Container container, const std::string& path)
+bool reads_back(Container container, TagLib::IOStream& stream)
 {
     Snapshot ignored;
-    TagLib::FileStream stream(path.c_str(), true);
-    return stream.isOpen() && take_tags(container, stream, ignored);
+    return take_tags(container, stream, ignored);
 }
 
 } // namespace
@@ -575,7 +571,7 @@ int TagCopier::write(const std::string& path) const
     if (s.empty() && !has_tags(container, path))
         return 0;
     ScratchCopy scratch(path);
-    if (!scratch.ok() || !save_tags(container, scratch.path(), s) || !reads_back(container, scratch.path()) ||
+    if (!scratch.ok() || !save_tags(container, scratch.stream(), s) || !reads_back(container, scratch.stream()) ||
         !scratch.replace())
         return KEL_ERR_SAVED_WITH_ERRORS;
     return 0;

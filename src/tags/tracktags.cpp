@@ -28,11 +28,8 @@ void set(TagLib::Tag& tag, const TrackFields& f)
 }
 
 // Writes the fields into the file at path; false when TagLib cannot.
-bool save(Container container, const std::string& path, const TrackFields& fields)
+bool save(Container container, TagLib::IOStream& stream, const TrackFields& fields)
 {
-    TagLib::FileStream stream(path.c_str());
-    if (!stream.isOpen() || stream.readOnly())
-        return false;
     switch (container) {
     case Container::MPEG: {
         TagLib::MPEG::File file(&stream, TagLib::ID3v2::FrameFactory::instance(), false);
@@ -81,7 +78,7 @@ int TrackTags::write(const std::string& path, const TrackFields& fields)
         return kErrUnsupported;
     // Edited as a copy that replaces the file only when TagLib saved it.
     ScratchCopy scratch(path);
-    if (!scratch.ok() || !save(container, scratch.path(), fields) || !scratch.replace())
+    if (!scratch.ok() || !save(container, scratch.stream(), fields) || !scratch.replace())
         return kErrSavedWithErrors;
     return 0;
 }
