@@ -63,8 +63,10 @@ for f in a.mp3 a.m4a; do
   printf '%-6s %-28s %10s\n' "$name" "gain -6 (the save alone)" "$k"
 done
 k=$(best "$kel" gain "$dir/alac.m4a" --db -6 -o "$dir/out/g-alac.m4a")
-p=$(best ffmpeg -v error -y -i "$dir/alac.m4a" -af volume=-6dB -c:a alac "$dir/out/f-alac.m4a")
-printf '%-6s %-28s %10s   %-34s %10s\n' ALAC "gain -6 (save only)" "$k" "ffmpeg volume=-6dB -c:a alac" "$p"
+# 16-bit out as in: ffmpeg's volume filter otherwise hands the encoder
+# 32-bit samples, and the file comes out 24-bit and twice the size.
+p=$(best ffmpeg -v error -y -i "$dir/alac.m4a" -af volume=-6dB -c:a alac -sample_fmt s16p "$dir/out/f-alac.m4a")
+printf '%-6s %-28s %10s   %-34s %10s\n' ALAC "gain -6 (save only)" "$k" "ffmpeg volume -c:a alac (s16p)" "$p"
 k=$(best "$kel" normalize "$dir/alac.m4a" --target -23 -o "$dir/out/n-alac.m4a")
 printf '%-6s %-28s %10s\n' ALAC "normalize -23 (measure+save)" "$k"
 

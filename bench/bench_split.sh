@@ -105,8 +105,9 @@ printf "%-24s %7s %7s   %-28s %s\n" "ffmpeg segment / concat" "$FF_SPLIT" "$FF_J
 
 # Silence split: an hour of 20 tracks (pink noise, 175 s each) with 2.5 s
 # of silence after each, as WAVE and as MP3; kel split --silence against
-# sox's silence effect (WAVE) and mp3splt -s (MP3), each first with the
-# file dropped from the page cache (cold) and then again (cached).
+# sox's silence effect (WAVE) and mp3splt -s (MP3). Cold: the file dropped
+# from the page cache and no levels kept (kel's level cache, mp3splt's
+# mp3splt.log); cached: the same again, with what the first run kept.
 if [ ! -f silences.mp3 ]; then
     echo "making one hour of tracks and silences in $WORK ..."
     sox -n -r 44100 -c 2 -b 16 track.wav synth 175 pinknoise gain -8 pad 0 2.5
@@ -123,7 +124,8 @@ timed() {
 }
 count() { find "$1" -type f | wc -l; }
 
-rm -rf sil && mkdir -p sil/kel-wav sil/kel-mp3 sil/sox sil/splt
+rm -rf sil cache mp3splt.log && mkdir -p sil/kel-wav sil/kel-mp3 sil/sox sil/splt
+export KEL_CACHE_DIR="$PWD/cache"
 uncache silences.wav
 KEL_WAV_COLD=$(timed "$KEL" split silences.wav --silence --min-silence 2 -o 'sil/kel-wav/{n:02}.wav')
 KEL_WAV_WARM=$(timed "$KEL" split silences.wav --silence --min-silence 2 -o 'sil/kel-wav/{n:02}.wav')

@@ -41,7 +41,11 @@ case $target in
 esac
 exe=$build/fuzz/fuzz_$target
 
-# Build (again) when the executable is older than any source.
+# Build (again) when the executable is older than any source; one build at
+# a time, for campaigns that run side by side.
+mkdir -p "$build"
+exec 9>"$build/.build-lock"
+flock 9
 if [[ ! -x $exe ]] || [[ -n $(find "$root/src" "$root/fuzz" "$root/include" -newer "$exe" \
         \( -name '*.cpp' -o -name '*.h' -o -name CMakeLists.txt \) -print -quit) ]]; then
     if [[ ! -f $build/CMakeCache.txt ]]; then
@@ -50,6 +54,7 @@ if [[ ! -x $exe ]] || [[ -n $(find "$root/src" "$root/fuzz" "$root/include" -new
     fi
     nice -n 19 cmake --build "$build" -j2 --target "fuzz_$target" >/dev/null
 fi
+flock -u 9
 
 work=$build/work/$target
 findings=$build/findings/$target

@@ -271,7 +271,9 @@ KEL_API int kel_clip_set_trims(kel_clip_t* clip, int start, int end, int* err);
  * gain and envelope (what a listener hears), through libebur128. Returns a
  * meter that holds the measurement, or null with the code (KEL_ERR_PACKET_NUMBER,
  * KEL_ERR_CANCELLED, a decoding error). Free it with kel_loudness_meter_free;
- * it does not refer to the clip. A single-channel clip counts once. */
+ * it does not refer to the clip. A single-channel clip counts once.
+ * Decoding runs on the calling thread; the measuring of the decoded audio
+ * runs on a second thread of its own, ended before the call returns. */
 KEL_API kel_loudness_meter_t* kel_clip_measure_loudness(kel_clip_t* clip, int first, int last, int* err,
                                                         const _kel_progress_t* progress);
 KEL_API void kel_loudness_meter_result(const kel_loudness_meter_t* meter, kel_loudness_t* out);

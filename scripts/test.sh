@@ -24,8 +24,8 @@ run_build build-asan -DKEL_SANITIZE=address -DKEL_BUILD_BENCH=OFF
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
    ctest --output-on-failure -j "$jobs")
 
-echo "== thread sanitizer build (concurrency tests, and the tool's batches) =="
+echo "== thread sanitizer build (concurrency tests, the tool's batches, the loudness meter's two threads) =="
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEL_SANITIZE=thread \
   -DKEL_BUILD_BENCH=OFF >/dev/null
 cmake --build build-tsan -j "$jobs" --target test_core_bsfile test_rbuffer2 test_errors kel_cli
-(cd build-tsan && ctest --output-on-failure -R 'test_core_bsfile|test_rbuffer2|test_errors|test_cli$')
+(cd build-tsan && ctest --output-on-failure -R 'test_core_bsfile|test_rbuffer2|test_errors|test_cli$|test_cli_loudness')

@@ -7,6 +7,7 @@
 #include "cli_common.h"
 #include "clipoverview.h"
 #include "cuesheet.h"
+#include "levelcache.h"
 #include "commandline.h"
 #include "console.h"
 #include "toolclip.h"
@@ -37,7 +38,9 @@ const char* const kSplitHelp =
     "--silence splits in the middle of every silence: a run of packets whose\n"
     "RMS level (the library's overview, of the mono mix) stays below\n"
     "--threshold for at least --min-silence; silence at the file's ends stays\n"
-    "in the first and last piece. --cue splits where the sheet's tracks start\n"
+    "in the first and last piece; the levels are kept in a cache\n"
+    "($KEL_CACHE_DIR, else ~/.cache/kel), so that splitting the same file again\n"
+    "does not decode it again. --cue splits where the sheet's tracks start\n"
     "(INDEX 01); each piece gets its track's title, performer and number, and\n"
     "the first piece starts at track 1's start.\n"
     "\n"
@@ -155,9 +158,12 @@ std::vector<Piece> at_silences(const SplitSettings& o, ToolClip& clip, const Hea
     const std::vector<long long>& b = clip.boundaries();
     const int count = clip.packet_count();
     std::vector<float> rms;
-    {
+    const LevelCache cache(clip.name());
+    const bool cached = cache.load(count, rms);
+    if (!cached) {
         ClipOverview overview(clip);
         rms = overview.rms({0, count - 1});
+        cache.store(rms);
     }
     // Gaps: runs of quiet packets, as heard frames.
     std::vector<std::pair<long long, long long>> gaps;
@@ -194,7 +200,8 @@ std::vector<Piece> at_silences(const SplitSettings& o, ToolClip& clip, const Hea
                 cuts.push_back(gap_from + (gap_to - gap_from) / 2);
         pieces = between(h, cuts);
     }
-    Console::out("found %zu silences of at least %g s below %g dBFS\n", gaps.size(), min_silence, threshold_db);
+    Console::out("found %zu silences of at least %g s below %g dBFS%s\n", gaps.size(), min_silence, threshold_db,
+                 cached ? " (levels from the cache)" : "");
     if (pieces.empty() || (!trim && pieces.size() < 2))
         fail(strprintf("%s: %s; nothing was written", clip.name().c_str(),
                        pieces.empty() ? "the whole file is silence" : "no silence inside the file to split at"));

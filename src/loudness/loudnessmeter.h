@@ -1,7 +1,8 @@
 // Loudness of a clip as ITU-R BS.1770-4 and EBU R128 measure it:
 // integrated loudness, loudness range, sample peak and true peak (four
 // times oversampled), computed by libebur128 (peaks by TruePeak) from the packets' decoded
-// audio with their gains and envelopes, each packet decoded once. A meter
+// audio with their gains and envelopes, each packet decoded once (on the
+// caller's thread, while a second one measures what came before). A meter
 // keeps its measurement state, so that several clips make one album.
 #ifndef KEL_LOUDNESS_LOUDNESSMETER_H
 #define KEL_LOUDNESS_LOUDNESSMETER_H
@@ -34,6 +35,8 @@ public:
     static int album(const LoudnessMeter* const* meters, int count, kel_loudness_t* out);
 
 private:
+    class MeasurePipe;
+
     LoudnessMeter(ebur128_state* state, int channels, double rate)
         : state_(state), peaks_(static_cast<size_t>(channels), TruePeak(rate))
     {
