@@ -1,7 +1,5 @@
 #include "tags/loudnesstags.h"
 
-#include "core/errorcodes.h"
-#include "tags/scratchcopy.h"
 #include "tags/tagcopier.h"
 
 #include <aifffile.h>
@@ -10,7 +8,6 @@
 #include <mp4tag.h>
 #include <mpegfile.h>
 #include <textidentificationframe.h>
-#include <tfilestream.h>
 #include <wavfile.h>
 
 #include <cctype>
@@ -99,17 +96,9 @@ bool save(Container container, TagLib::IOStream& stream, const Fields& fields)
 
 int LoudnessTags::write(const std::string& path, const ReplayGainValues& values)
 {
-    int code = 0;
-    const Container container = TagCopier::container_of(path, code);
-    if (code != 0)
-        return code;
-    if (container == Container::Unknown || container == Container::CAF)
-        return kErrUnsupported;
-    // Edited as a copy that replaces the file only when TagLib saved it.
-    ScratchCopy scratch(path);
-    if (!scratch.ok() || !save(container, scratch.stream(), fields_of(values)) || !scratch.replace())
-        return kErrSavedWithErrors;
-    return 0;
+    return TagCopier::edit(path, [&](Container container, TagLib::IOStream& stream) {
+        return save(container, stream, fields_of(values));
+    });
 }
 
 } // namespace KEL

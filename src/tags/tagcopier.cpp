@@ -570,9 +570,21 @@ int TagCopier::write(const std::string& path) const
         return s.empty() ? 0 : KEL_ERR_SAVED_WITH_ERRORS;
     if (s.empty() && !has_tags(container, path))
         return 0;
+    return edit(path, [&](Container c, TagLib::IOStream& stream) {
+        return save_tags(c, stream, s) && reads_back(c, stream);
+    });
+}
+
+int TagCopier::edit(const std::string& path, const std::function<bool(Container, TagLib::IOStream&)>& edit)
+{
+    int code = 0;
+    const Container container = container_of(path, code);
+    if (code != 0)
+        return code;
+    if (container == Container::Unknown || container == Container::CAF)
+        return KEL_ERR_UNSUPPORTED;
     ScratchCopy scratch(path);
-    if (!scratch.ok() || !save_tags(container, scratch.stream(), s) || !reads_back(container, scratch.stream()) ||
-        !scratch.replace())
+    if (!scratch.ok() || !edit(container, scratch.stream()) || !scratch.replace())
         return KEL_ERR_SAVED_WITH_ERRORS;
     return 0;
 }

@@ -17,8 +17,13 @@
 #ifndef KEL_TAGS_TAGCOPIER_H
 #define KEL_TAGS_TAGCOPIER_H
 
+#include <functional>
 #include <memory>
 #include <string>
+
+namespace TagLib {
+class IOStream;
+}
 
 namespace KEL {
 
@@ -55,6 +60,12 @@ public:
 
     // The container of an open-able file; Unknown for anything else.
     static Container container_of(const std::string& path, int& code);
+
+    // Lets `edit` change the tags of the file at path through TagLib, on a
+    // copy that replaces the file only when edit returns true. Returns 0,
+    // the codes of container_of, KEL_ERR_UNSUPPORTED for a container that
+    // takes no tags, or KEL_ERR_SAVED_WITH_ERRORS (the file unchanged).
+    static int edit(const std::string& path, const std::function<bool(Container, TagLib::IOStream&)>& edit);
 
     // What read() keeps, in TagLib's types; defined in tagcopier.cpp only.
     struct Snapshot;

@@ -1,14 +1,11 @@
 #include "tags/tracktags.h"
 
-#include "core/errorcodes.h"
-#include "tags/scratchcopy.h"
 #include "tags/tagcopier.h"
 
 #include <aifffile.h>
 #include <id3v2tag.h>
 #include <mp4file.h>
 #include <mpegfile.h>
-#include <tfilestream.h>
 #include <wavfile.h>
 
 namespace KEL {
@@ -70,17 +67,9 @@ bool save(Container container, TagLib::IOStream& stream, const TrackFields& fiel
 
 int TrackTags::write(const std::string& path, const TrackFields& fields)
 {
-    int code = 0;
-    const Container container = TagCopier::container_of(path, code);
-    if (code != 0)
-        return code;
-    if (container == Container::Unknown || container == Container::CAF)
-        return kErrUnsupported;
-    // Edited as a copy that replaces the file only when TagLib saved it.
-    ScratchCopy scratch(path);
-    if (!scratch.ok() || !save(container, scratch.stream(), fields) || !scratch.replace())
-        return kErrSavedWithErrors;
-    return 0;
+    return TagCopier::edit(path, [&](Container container, TagLib::IOStream& stream) {
+        return save(container, stream, fields);
+    });
 }
 
 } // namespace KEL
