@@ -221,7 +221,8 @@ int Mp3Saver::save(ClipMP3& clip, const char* path, const void* block1, int bloc
         return errno == EISDIR ? EISDIR : kErrOpenWrite;
     // Frames go out a few hundred bytes at a time: a buffer of 64 KiB
     // rather than stdio's 4 KiB writes a file in a sixteenth of the calls.
-    std::setvbuf(file_, nullptr, _IOFBF, 1 << 16);
+    buffer_.resize(1 << 16);
+    std::setvbuf(file_, buffer_.data(), _IOFBF, buffer_.size());
     if (clip.packet_count <= 0 || clip.packets == nullptr)
         return fail(kErrEmpty);
     if (block1 == nullptr || block1_len < 0)

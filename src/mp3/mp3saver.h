@@ -74,6 +74,8 @@ private:
 
     FILE* file_ = nullptr;
     const char* path_ = nullptr;
+    // The stream's buffer, given to it: glibc takes a size only with one.
+    std::vector<char> buffer_;
 };
 
 } // namespace KEL
