@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <vector>
 #include <new>
 #include <unistd.h>
 
@@ -340,10 +341,13 @@ int ClipM4AAC::save_to(const char* path, const void* first_block, int first_leng
             delete plain;
         }
     } else {
+        // Packets of a few hundred bytes: 64 KiB of buffer, not stdio's 4 KiB.
+        std::vector<char> buffer(1 << 16);
         FILE* f = std::fopen(path, "w+");
         if (f == nullptr) {
             code = kErrOpenWrite;
         } else {
+            std::setvbuf(f, buffer.data(), _IOFBF, buffer.size());
             auto* saver = new (std::nothrow) M4A_SaverAAC(f);
             if (saver != nullptr && (start_trim > 0 || end_trim > 0))
                 saver->set_edit(static_cast<uint32_t>(start_trim),
