@@ -10,6 +10,7 @@
 #include "mp3/mp3framegain.h"
 #include "mp3/mpegheader.h"
 #include "mp3/packetmp3.h"
+#include "mp3/wordreader.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -38,9 +39,6 @@ constexpr int kMaxMismatches = 13;
 constexpr int kPacketsBehind = 9; // warm-up packets after a reset
 constexpr int kPacketsAhead = 9;  // forward packets while the codec asks for input
 
-// Outcome of reading one 4-byte word.
-enum class WordRead { ok, end_of_file, failed };
-
 // Reads the big-endian word at pos.
 WordRead read_word(FILE* f, long long pos, unsigned int& word)
 {
@@ -52,36 +50,6 @@ WordRead read_word(FILE* f, long long pos, unsigned int& word)
     word = mpeg_header_word(b);
     return WordRead::ok;
 }
-
-// The scans read a 4-byte word at every frame, and a byte further at every
-// step through junk: through a window of the file rather than a seek and a
-// read of the stream each, which cost two system calls per frame.
-class WordReader {
-public:
-    explicit WordReader(FILE* f) : f_(f) {}
-
-    // The big-endian word at pos; end_of_file when fewer than 4 bytes are left.
-    WordRead read(long long pos, unsigned int& word)
-    {
-        if (pos < base_ || pos + 4 > base_ + static_cast<long long>(length_)) {
-            length_ = 0;
-            base_ = pos;
-            if (fseeko(f_, pos, SEEK_SET) != 0)
-                return WordRead::failed;
-            length_ = std::fread(window_.data(), 1, window_.size(), f_);
-            if (length_ < 4)
-                return std::feof(f_) ? WordRead::end_of_file : WordRead::failed;
-        }
-        word = mpeg_header_word(window_.data() + (pos - base_));
-        return WordRead::ok;
-    }
-
-private:
-    FILE* f_;
-    std::vector<unsigned char> window_ = std::vector<unsigned char>(65536);
-    long long base_ = 0;
-    size_t length_ = 0;
-};
 
 // Size of an open file in bytes, or -1; the position is left at pos.
 long long file_size(FILE* f, long long pos)
